@@ -1,0 +1,280 @@
+/*
+ * libvyracore: the appliance's core library (subset used by the update tool).
+ *
+ * Conventions: a failing function returns its failure value (-1 for counts and
+ * statuses, 0 for predicates, NULL for pointers) and records why with
+ * VLIBCErrSetEx(); the record is never cleared on success, so look at a call's
+ * result first and at vyraerrno only when it failed.
+ */
+#ifndef VYRACORE_H
+#define VYRACORE_H
+
+#include <stdint.h>
+#include <stdio.h>
+#include <sys/types.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef enum _tag_BOOL_ { FALSE = 0, TRUE = 1 } BOOL;
+
+/* Error codes: number * 0x100, allocated in blocks by area. */
+typedef enum _tag_VYRAERR_ {
+    ERR_SUCCESS = 0x0000,
+    /* general, file, share, group, user, key/section and device errors */
+    ERR_NOT_ENOUGH_MEMORY = 0x0100,
+    ERR_OUT_OF_MEMORY = 0x0200,
+    ERR_ACCESS_DENIED = 0x0300,
+    ERR_LOCK_FAILED = 0x0400,
+    ERR_UNLOCK_FAILED = 0x0500,
+    ERR_PATH_NOT_FOUND = 0x0600,
+    ERR_FILE_NOT_FOUND = 0x0700,
+    ERR_FILE_EXISTS = 0x0800,
+    ERR_OPEN_FAILED = 0x0900,
+    ERR_READ_FAILED = 0x0A00,
+    ERR_WRITE_FAILED = 0x0B00,
+    ERR_CREATE_FAILED = 0x0C00,
+    ERR_BAD_PARAMETERS = 0x0D00,
+    ERR_INVALID_SERVERNAME = 0x0E00,
+    ERR_INVALID_DOMAINNAME = 0x0F00,
+    ERR_INVALID_NETNAME = 0x1000,
+    ERR_SERVER_UNREACHABLE = 0x1100,
+    ERR_INVALID_SHARENAME = 0x1200,
+    ERR_SHARE_EXISTS = 0x1300,
+    ERR_NO_SUCH_SHARE = 0x1400,
+    ERR_TOO_MANY_SHARES = 0x1500,
+    ERR_INVALID_GROUPNAME = 0x1600,
+    ERR_GROUP_EXISTS = 0x1700,
+    ERR_NO_SUCH_GROUP = 0x1800,
+    ERR_TOO_MANY_GROUPS = 0x1900,
+    ERR_INVALID_USERNAME = 0x1A00,
+    ERR_INVALID_PASSWORDNAME = 0x1B00,
+    ERR_USER_EXISTS = 0x1C00,
+    ERR_NO_SUCH_USER = 0x1D00,
+    ERR_WRONG_PASSWORD = 0x1E00,
+    ERR_TOO_MANY_USERS = 0x1F00,
+    ERR_KEY_NOT_FOUND = 0x2000,
+    ERR_KEY_EXISTS = 0x2100,
+    ERR_SECTION_NOT_FOUND = 0x2200,
+    ERR_SECTION_EXISTS = 0x2300,
+    ERR_NOT_ENOUGH_QUOTA = 0x2400,
+    ERR_NOT_ENOUGH_VOLUME_SPACE = 0x2500,
+    ERR_SEEK_FAILED = 0x2600,
+    ERR_STAT_FAILED = 0x2700,
+    ERR_RENAME_FAILED = 0x2800,
+    ERR_NOT_ENOUGH_SPACE = 0x2900,
+    ERR_OP_FAILURE = 0x2A00,
+    ERR_DEV_UNCONFIG = 0x2B00,
+    ERR_DEV_UNMOUNTED = 0x2C00,
+    ERR_OP_UNREGISTERED = 0x2D00,
+    ERR_TIMER_EXPIRED = 0x2E00,
+    ERR_USER_BATCH_CONFLICT = 0x2F00,
+    ERR_READ_GEO = 0x3000,
+    ERR_USAGE = 0x3100,
+    ERR_UPDATE_OFFSET = 0x3200,
+    ERR_CHECKSUM = 0x3300,
+    ERR_OPEN_RAWDEVICE = 0x3400,
+    ERR_OPEN_OPTFILE = 0x3500,
+    ERR_READ_RAWDEVICE = 0x3600,
+    ERR_WRITE_RAWDEVICE = 0x3700,
+    ERR_BADPATCH = 0x3800,
+    ERR_REMOVE_FAILED = 0x3900,
+    ERR_MOVE_FAILED = 0x3A00,
+    ERR_COPY_FAILED = 0x3B00,
+    ERR_MKDIR_FAILED = 0x3C00,
+    ERR_MMAP_FAILED = 0x3D00,
+    /* format */
+    ERR_FORMAT_ERROR = 0x4000,
+    /* backup and import/export */
+    ERR_NO_BACKUP_SET = 0x5000,
+    ERR_BACKUP_SET_EXISTS = 0x5100,
+    ERR_BACKUP_RUNNING = 0x5200,
+    ERR_BACKUP_MEDIA = 0x5300,
+    ERR_IMPORT_FAILED = 0x5400,
+    ERR_EXPORT_FAILED = 0x5500,
+    ERR_IMPORT_FORMAT = 0x5600,
+    /* volume, disk and RAID configuration */
+    ERR_NO_VOLUME_ID = 0x6000,
+    ERR_VOLUME_EXISTS = 0x6100,
+    ERR_NO_SUCH_VOLUME = 0x6200,
+    ERR_VOLUME_CREATE_FAILED = 0x6300,
+    ERR_DEVICE_BUSY = 0x6400,
+    ERR_DISK_NOT_FOUND = 0x6500,
+    ERR_DISK_TOO_SMALL = 0x6600,
+    ERR_DISK_IN_USE = 0x6700,
+    ERR_RAID_CREATE_FAILED = 0x6800,
+    ERR_RAID_NOT_FOUND = 0x6900,
+    ERR_RAID_DEGRADED = 0x6A00,
+    ERR_RAID_LEVEL = 0x6B00,
+    ERR_PARTITION_FAILED = 0x6C00,
+    ERR_BAD_DISKSECTOR = 0x6D00,
+    /* update daemon and manufacturing utility */
+    ERR_UDPD_INVALID_HANDLE = 0x7100,
+    ERR_UDPD_OPEN = 0x7200,
+    ERR_UDPD_READ = 0x7300,
+    ERR_UDPD_WRITE = 0x7400,
+    ERR_UDPD_TIMEOUT = 0x7500,
+    ERR_UDPD_NO_DEVICE = 0x7600,
+    ERR_UDPD_BUSY = 0x7700,
+    ERR_UDPD_BAD_PACKET = 0x7800,
+    ERR_UDPD_PERM = 0x7900,
+    ERR_UDPD_NOT_SUPPORT = 0x7A00,
+    ERR_MANUTIL_PERM = 0x7B00,
+    /* unknown and volume size */
+    ERR_UNKNOWN = 0x8000,
+    ERR_SYS_UNKNOWN = 0x8100,
+    ERR_VOLUME_SIZE_TOO_SMALL = 0x8200,
+    ERR_VOLUME_SIZE_TOO_LARGE = 0x8300,
+    ERR_VOLUME_READ_ONLY = 0x8400,
+    /* directory service, quota, fork, enumeration, path name */
+    ERR_YP_BIND = 0x9000,
+    ERR_QUOTA_NOT_FOUND = 0x9100,
+    ERR_QUOTA_EXCEEDED = 0x9200,
+    ERR_QUOTA_SET_FAILED = 0x9300,
+    ERR_QUOTA_GET_FAILED = 0x9400,
+    ERR_QUOTA_NOT_SUPPORT = 0x9500,
+    ERR_WAIT_FAIL = 0x9600,
+    ERR_FORK_FAIL = 0x9700,
+    ERR_RAID_ENUM_FAIL = 0x9800,
+    ERR_ENUM_FAIL = 0x9900,
+    ERR_INVALID_PATHNAME = 0x9A00,
+    /* directory, FAT, cancel, interrupt, encryption key */
+    ERR_NOT_DIRECTORY = 0xA000,
+    ERR_DIRECTORY_NOT_EMPTY = 0xA100,
+    ERR_FAT_FORMAT = 0xA200,
+    ERR_FAT_FILE_TOO_LARGE = 0xA300,
+    ERR_FAT_INVALID_NAME = 0xA400,
+    ERR_FAT_READ_ONLY = 0xA500,
+    ERR_USER_CANCEL = 0xA600,
+    ERR_INTERRUPTED = 0xA700,
+    ERR_ENCRYPT_KEY_INVALID = 0xA800,
+    ERR_ENCRYPT_KEY_NOT_FOUND = 0xA900,
+    /* database file, reserved account, domain look-up, interface, name */
+    ERR_BDB_FILE_DEPRECATED = 0xB000,
+    ERR_BDB_FILE_CORRUPT = 0xB100,
+    ERR_BDB_FILE_LOCKED = 0xB200,
+    ERR_BDB_FILE_VERSION = 0xB300,
+    ERR_RESERVED_USER = 0xB400,
+    ERR_RESERVED_GROUP = 0xB500,
+    ERR_RESERVED_SHARE = 0xB600,
+    ERR_DOMAIN_LOOKUP_FAILED = 0xB700,
+    ERR_DOMAIN_NOT_JOINED = 0xB800,
+    ERR_DOMAIN_UNREACHABLE = 0xB900,
+    ERR_DOMAIN_USER_NOT_FOUND = 0xBA00,
+    ERR_DOMAIN_GROUP_NOT_FOUND = 0xBB00,
+    ERR_INTERFACE_NOT_FOUND = 0xBC00,
+    ERR_INTERFACE_DOWN = 0xBD00,
+    ERR_INTERFACE_CONFIG = 0xBE00,
+    ERR_INTERFACE_ADDRESS = 0xBF00,
+    ERR_NAME_EXISTS = 0xC000,
+    ERR_NAME_INVALID = 0xC100,
+    ERR_NAME_RESERVED = 0xC200,
+    ERR_NAME_TOO_LONG = 0xC300,
+    /* service, access-control list, support, space, dependency */
+    ERR_SERVICE_EXISTS = 0xD000,
+    ERR_NO_SUCH_SERVICE = 0xD100,
+    ERR_SERVICE_START_FAILED = 0xD200,
+    ERR_SERVICE_STOP_FAILED = 0xD300,
+    ERR_SERVICE_RUNNING = 0xD400,
+    ERR_SERVICE_NOT_RUNNING = 0xD500,
+    ERR_VYRAACL_NOT_VALID_TO_CHG = 0xD600,
+    ERR_VYRAACL_NOT_SUPPORT = 0xD700,
+    ERR_VYRAACL_INVALID = 0xD800,
+    ERR_NOT_SUPPORT = 0xD900,
+    ERR_NOT_SUPPORT_FS = 0xDA00,
+    ERR_NOT_SUPPORT_ARCH = 0xDB00,
+    ERR_NOT_ENOUGH_SYSTEM_SPACE = 0xDC00,
+    ERR_NOT_ENOUGH_TMP_SPACE = 0xDD00,
+    ERR_NOT_ENOUGH_SHARE_SPACE = 0xDE00,
+    ERR_DEPENDENCY_MISSING = 0xDF00,
+    ERR_DEPENDENCY_CONFLICT = 0xE000,
+    ERR_DEPENDENCY_VERSION = 0xE100,
+    ERR_NOT_A_SYMLINK = 0xE200,
+    ERR_CLOSE_FAILED = 0xE300,
+    ERR_FORBIDDEN_ACTION = 0xE400,
+    ERR_PERMISSION_DENIED = 0xE500,
+    ERR_STRING_TOO_LONG = 0xE600,
+    ERR_DIRECTORY_EXISTS = 0xE700,
+    ERR_DIRECTORY_NOT_FOUND = 0xE800,
+    ERR_SYMLINK_FAILED = 0xE900,
+    ERR_VYRAACL_NO_ENTRY = 0xEA00,
+    ERR_VYRAACL_ENTRY_EXISTS = 0xEB00,
+    ERR_VYRAACL_INHERIT = 0xEC00,
+    ERR_GROUP_BATCH_LIMIT = 0xED00,
+    ERR_GROUP_BATCH_CONFLICT = 0xEE00,
+    ERR_VYRAACL_ENTRY_EXCEED = 0xEF00
+} VYRAERR;
+
+typedef enum _tag_RAIDERR_ {
+    RAIDERR_NOERR = 0,
+    RAIDERR_DEVICE_NOT_FOUND,
+    RAIDERR_OPEN,
+    RAIDERR_READ,
+    RAIDERR_WRITE,
+    RAIDERR_IOCTL,
+    RAIDERR_CREATE,
+    RAIDERR_ASSEMBLE,
+    RAIDERR_STOP,
+    RAIDERR_DEGRADED,
+    RAIDERR_LEVEL,
+    RAIDERR_PARTITION_NOT_FOUND
+} RAIDERR;
+
+typedef enum _tag_RAIDISKERR_ {
+    RAIDISKERR_NOERR = 0,
+    RAIDISKERR_NOT_FOUND,
+    RAIDISKERR_TOO_SMALL,
+    RAIDISKERR_IN_USE,
+    RAIDISKERR_BAD_SECTOR,
+    RAIDISKERR_PARTITION,
+    RAIDISKERR_READ,
+    RAIDISKERR_WRITE,
+    RAIDISKERR_OPEN
+} RAIDISKERR;
+
+typedef enum _tag_VOLERR_ {
+    VOLERR_NOERR = 0,
+    VOLERR_NOT_FOUND,
+    VOLERR_EXISTS,
+    VOLERR_CREATE,
+    VOLERR_REMOVE,
+    VOLERR_MOUNT,
+    VOLERR_UMOUNT,
+    VOLERR_MKFS,
+    VOLERR_FSCK,
+    VOLERR_RESIZE,
+    VOLERR_BUSY,
+    VOLERR_FSSTAT
+} VOLERR;
+
+/* The process-wide error state: code of the last recorded failure. */
+extern VYRAERR vyraerrno;
+extern RAIDERR gRaidErr;
+extern RAIDISKERR gDiskErr;
+extern VOLERR volerr;
+
+/* Sets the code and forgets the file and line of the last record. */
+void VLIBCErrSet(VYRAERR errCode);
+/* Sets code, file (the pointer itself is kept: pass a literal) and line. */
+void VLIBCErrSetEx(VYRAERR errCode, const char *szFile, int32_t nLine);
+/* File of the last record; NULL if none or if it came through VLIBCErrSet. */
+const char *VLIBCErrorGetFile(void);
+/* Line of the last record; 0 in the same cases. */
+int32_t VLIBCErrorGetLine(void);
+void VLIBCErrorBackTracePrint(void);
+void VLIBCErrorBackTraceLog(void);
+void VLIBCErrorBackTracePanic(void);
+
+/*
+ * Appends szLog and a newline to szFile (created if missing), then flushes and
+ * syncs it. "%%" in szLog is written as "%"; any other "%" is written as is.
+ * 0 on success; -1 with ERR_BAD_PARAMETERS, ERR_OPEN_FAILED or ERR_WRITE_FAILED.
+ */
+int32_t VLIBCErrLogSet(const char *szFile, const char *szLog);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VYRACORE_H */
