@@ -1,0 +1,95 @@
+// The package library. Diagnostics go to the system log at LOG_ERR with the
+// source file's base name and line in front; nothing here prints or exits.
+#include "debian_lib.h"
+
+#include <fcntl.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "vyracore.h"
+
+namespace {
+
+const char kDpkgPath[] = "/usr/bin/dpkg";
+const char kInstallerLog[] = "/var/log/dpkg_upgrade.log";
+
+}  // namespace
+
+namespace DebianLib {
+
+void WriteUpdateLog(const std::string &strMsg, const std::string &strFileName)
+{
+    char szTime[64];
+    time_t tCurrent = 0;
+    struct tm *tmNow = nullptr;
+
+    memset(szTime, 0, sizeof(szTime));
+    tCurrent = time(nullptr);
+    tmNow = localtime(&tCurrent);
+    memset(szTime, 0, sizeof(szTime));
+    // Without a local time the line still goes out, only without its stamp.
+    if (tmNow != nullptr)
+        strftime(szTime, sizeof(szTime), "%Y/%m/%d %H:%M:%S\t", tmNow);
+
+    const std::string strUpdateMsg = szTime + strMsg;
+    VLIBCErrLogSet(strFileName.c_str(), strUpdateMsg.c_str());
+}
+
+bool ExecDpkg(const std::string &strParam, const std::string &strDebianName,
+              const std::string &strDestFolder)
+{
+    int status = 0;
+    // Always three fields: an empty folder still leaves its blank before "]",
+    // so every banner in the log has the same shape.
+    std::string strMsg = " ===========[" + strParam + " " + strDebianName + " " +
+                         strDestFolder + "]===========";
+
+    // Written before the fork, so the banner precedes dpkg's own output.
+    WriteUpdateLog(strMsg, kInstallerLog);
+
+    const pid_t pid = fork();
+    if (pid < 0) {
+        syslog(LOG_ERR, "%s:%d Fail to fork", __FILE_NAME__, __LINE__);
+        return false;
+    }
+    if (pid == 0) {
+        const int fd = open(kInstallerLog, O_RDWR | O_CREAT | O_APPEND, 0666);
+        if (fd != -1) {
+            dup2(fd, STDOUT_FILENO);
+            dup2(fd, STDERR_FILENO);
+            close(fd);
+        }
+        if (!strDestFolder.empty())
+            execl(kDpkgPath, kDpkgPath, strParam.c_str(), strDebianName.c_str(),
+                  strDestFolder.c_str(), static_cast<char *>(nullptr));
+        else
+            execl(kDpkgPath, kDpkgPath, strParam.c_str(), strDebianName.c_str(),
+                  static_cast<char *>(nullptr));
+        // No exit handlers and no stdio flush: they belong to the parent.
+        _exit(1);
+    }
+
+    if (waitpid(pid, &status, 0) < 0) {
+        syslog(LOG_ERR, "%s:%d Fail to exec [dpkg %s %s] error=[%m]", __FILE_NAME__, __LINE__,
+               strParam.c_str(), strDebianName.c_str());
+        return false;
+    }
+    // A dpkg ended by a signal counts as installed: only an exit code that
+    // dpkg chose itself says the package was refused.
+    if (!WIFEXITED(status) || WEXITSTATUS(status) == 0)
+        return true;
+
+    strMsg = "Failed to install " + strParam + strDebianName + strDestFolder;
+    WriteUpdateLog(strMsg, kInstallerLog);
+    return false;
+}
+
+bool ExecDpkg(const std::string &strParam, const std::string &strDebianName)
+{
+    return ExecDpkg(strParam, strDebianName, std::string());
+}
+
+}  // namespace DebianLib
