@@ -1,0 +1,108 @@
+// A throw-away root for running the update tool and its parts against the
+// fixed absolute paths they use, without touching the machine's own files.
+//
+// A run happens in a private mount namespace, chrooted into a copy-on-write
+// overlay of the machine's root ("/" as the lower layer, a temporary directory
+// as the upper one). A fresh /dev and /proc are mounted inside, and /dev/log is
+// a datagram socket that the caller reads, so system-log messages are caught.
+// Whatever the run writes lands in the upper layer and can be read back after
+// it; everything is removed with the object.
+//
+// Needs root (mount namespaces and overlay mounts); Available() tells.
+#ifndef VYRA_SANDBOX_H
+#define VYRA_SANDBOX_H
+
+#include <sys/types.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace sandbox {
+
+// One datagram that arrived on the sandbox's /dev/log.
+struct LogMessage {
+    int priority = -1;  // the number between "<" and ">": facility | severity
+    std::string tag;    // the sender's name, before ": "
+    std::string text;   // the message as sent, a trailing newline included
+    std::string raw;    // the whole datagram
+};
+
+struct Result {
+    int status = -1;  // wait status of the program (Run) or function (Call)
+    std::string out;  // its standard output
+    std::string err;  // its standard error
+    std::vector<LogMessage> log;
+
+    bool Exited() const;
+    int ExitCode() const;  // -1 unless Exited()
+    bool Signaled() const;
+    int Signal() const;  // 0 unless Signaled()
+};
+
+class Sandbox {
+public:
+    // True when a sandbox can be made on this machine; otherwise false with
+    // the reason in *pstrWhy. Probed once per process.
+    static bool Available(std::string *pstrWhy = nullptr);
+
+    // Makes the temporary layers; throws std::runtime_error when it cannot.
+    Sandbox();
+    ~Sandbox();
+    Sandbox(const Sandbox &) = delete;
+    Sandbox &operator=(const Sandbox &) = delete;
+
+    // Preparation. Paths are absolute paths as seen inside the sandbox;
+    // missing parent directories are made. All of these throw on failure.
+    void WriteFile(const std::string &strPath, const std::string &strContent,
+                   mode_t mode = 0644);
+    void CopyIn(const std::string &strHostPath, const std::string &strPath, mode_t mode);
+    void MakeDir(const std::string &strPath, mode_t mode = 0755);
+    void Symlink(const std::string &strTarget, const std::string &strPath);
+    // strPath is an empty directory inside, whatever the machine has there.
+    void EmptyDir(const std::string &strPath, mode_t mode = 0755);
+    // strPath does not exist inside.
+    void Remove(const std::string &strPath);
+    // Mounts applied at the start of every run, in the order given.
+    void MountReadOnly(const std::string &strPath);
+    void MountTmpfs(const std::string &strPath, const std::string &strOptions);
+    // A host directory, seen at the same path inside (for example a build
+    // tree that is not on the root file system).
+    void BindHostDir(const std::string &strHostPath);
+
+    // Runs a program inside with standard input on /dev/null and the given
+    // environment (a standard PATH when none is given); returns when it ends.
+    Result Run(const std::vector<std::string> &argv,
+               const std::vector<std::string> &env = DefaultEnv());
+    // Runs fn in a forked child inside, in the standard environment; its
+    // result becomes the exit status.
+    Result Call(const std::function<int()> &fn);
+
+    // A file as the sandbox left it, if it wrote or was given one there.
+    std::optional<std::string> ReadFile(const std::string &strPath) const;
+    bool Exists(const std::string &strPath) const;
+    // Names in a directory that the sandbox made or changed, sorted.
+    std::vector<std::string> List(const std::string &strPath) const;
+    // Where a path inside lives in the upper layer on the host.
+    std::string HostPath(const std::string &strPath) const;
+
+    static std::vector<std::string> DefaultEnv();
+
+private:
+    struct Mount {
+        enum class Kind { ReadOnly, Tmpfs, Bind } kind;
+        std::string strPath;
+        std::string strOptions;
+    };
+
+    Result Launch(const std::function<void()> &body);
+    void SetUpInside(int fdCtl, int fdOut, int fdErr) const;
+
+    std::string m_strTop;
+    std::vector<Mount> m_mounts;
+};
+
+}  // namespace sandbox
+
+#endif
