@@ -1,0 +1,143 @@
+#include "test_util.h"
+
+#include <ctype.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace testutil {
+
+const char kRecords[] = "/standin";
+
+namespace {
+
+int RemoveEntry(const char *szPath, const struct stat *, int, struct FTW *)
+{
+    remove(szPath);
+    return 0;
+}
+
+}  // namespace
+
+TempDir::TempDir()
+{
+    const char *szTmp = getenv("TMPDIR");
+    std::string strTemplate = std::string(szTmp != nullptr && *szTmp ? szTmp : "/tmp") +
+                              "/vyra-test.XXXXXX";
+    if (mkdtemp(&strTemplate[0]) == nullptr)
+        throw std::runtime_error("mkdtemp failed");
+    m_strPath = strTemplate;
+}
+
+TempDir::~TempDir()
+{
+    nftw(m_strPath.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+}
+
+std::string ReadFile(const std::string &strPath)
+{
+    std::ifstream in(strPath, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void WriteFile(const std::string &strPath, const std::string &strContent)
+{
+    std::ofstream(strPath, std::ios::binary) << strContent;
+}
+
+std::vector<std::string> SplitLines(const std::string &strText)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(strText);
+    for (std::string strLine; std::getline(in, strLine);)
+        lines.push_back(strLine);
+    return lines;
+}
+
+std::vector<std::string> SplitNul(const std::string &strText)
+{
+    std::vector<std::string> parts;
+    size_t pos = 0;
+    for (size_t posNul; (posNul = strText.find('\0', pos)) != std::string::npos; pos = posNul + 1)
+        parts.push_back(strText.substr(pos, posNul - pos));
+    if (pos < strText.size())
+        parts.push_back(strText.substr(pos));
+    return parts;
+}
+
+std::string Unstamped(const std::string &strLine)
+{
+    // "YYYY/MM/DD hh:mm:ss\t"
+    static const char kShape[] = "9999/99/99 99:99:99\t";
+    const size_t cb = sizeof(kShape) - 1;
+    bool blStamped = strLine.size() >= cb;
+    for (size_t i = 0; blStamped && i < cb; ++i)
+        blStamped = kShape[i] == '9' ? isdigit(static_cast<unsigned char>(strLine[i])) != 0
+                                     : strLine[i] == kShape[i];
+    return blStamped ? strLine.substr(cb) : "<no stamp>" + strLine;
+}
+
+std::string Unsourced(const std::string &strText, const std::string &strFile)
+{
+    const std::string strPrefix = strFile + ":";
+    size_t pos = strPrefix.size();
+    if (strText.compare(0, pos, strPrefix) != 0)
+        return "<no source>" + strText;
+    while (pos < strText.size() && isdigit(static_cast<unsigned char>(strText[pos])))
+        ++pos;
+    if (pos == strPrefix.size() || pos >= strText.size() || strText[pos] != ' ')
+        return "<no source>" + strText;
+    return strText.substr(pos + 1);
+}
+
+std::unique_ptr<sandbox::Sandbox> MakeSandbox()
+{
+    auto sb = std::make_unique<sandbox::Sandbox>();
+    sb->EmptyDir("/var/log");
+    sb->EmptyDir(kRecords);
+    sb->BindHostDir(VYRA_BUILD_DIR);
+    return sb;
+}
+
+void InstallStandin(sandbox::Sandbox &sb, const std::string &strPath)
+{
+    std::string strScript = ReadFile(std::string(VYRA_TEST_DATA_DIR) + "/standin.sh");
+    const std::string strMark = "@RECORDS@";
+    for (size_t pos; (pos = strScript.find(strMark)) != std::string::npos;)
+        strScript.replace(pos, strMark.size(), kRecords);
+    sb.WriteFile(strPath, strScript, 0755);
+}
+
+std::vector<StandinCall> StandinCalls(const sandbox::Sandbox &sb)
+{
+    std::vector<StandinCall> calls;
+    for (int n = 1; sb.Exists(std::string(kRecords) + "/" + std::to_string(n)); ++n) {
+        const std::string strDir = std::string(kRecords) + "/" + std::to_string(n) + "/";
+        StandinCall call;
+        call.argv = SplitNul(sb.ReadFile(strDir + "cmdline").value_or(""));
+        if (!call.argv.empty())
+            call.argv.erase(call.argv.begin());  // the interpreter
+        call.env = SplitNul(sb.ReadFile(strDir + "environ").value_or(""));
+        call.cwd = sb.ReadFile(strDir + "cwd").value_or("");
+        if (!call.cwd.empty() && call.cwd.back() == '\n')
+            call.cwd.pop_back();
+        std::istringstream fds(sb.ReadFile(strDir + "fds").value_or(""));
+        int fd;
+        std::string strTarget;
+        while (fds >> fd >> strTarget)
+            call.fds[fd] = strTarget;
+        std::istringstream(sb.ReadFile(strDir + "ids").value_or("")) >> call.pid >> call.ppid >>
+            call.sid;
+        calls.push_back(call);
+    }
+    return calls;
+}
+
+}  // namespace testutil
