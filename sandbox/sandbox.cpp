@@ -18,12 +18,19 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <sstream>
 #include <stdexcept>
 
 #include <dirent.h>
 
 namespace sandbox {
+
+extern const char kStandinScript[];
+
 namespace {
+
+// Where the stand-ins record, inside.
+const char kRecords[] = "/.standin-records";
 
 [[noreturn]] void Throw(const std::string &strWhat)
 {
@@ -73,6 +80,17 @@ void MakeDirs(const std::string &strPath, mode_t mode)
         if (mkdir(strPart.c_str(), mode) != 0 && errno != EEXIST)
             Throw(WithErrno("mkdir " + strPart));
     }
+}
+
+std::vector<std::string> SplitNul(const std::string &strText)
+{
+    std::vector<std::string> parts;
+    size_t pos = 0;
+    for (size_t posNul; (posNul = strText.find('\0', pos)) != std::string::npos; pos = posNul + 1)
+        parts.push_back(strText.substr(pos, posNul - pos));
+    if (pos < strText.size())
+        parts.push_back(strText.substr(pos));
+    return parts;
 }
 
 std::string Parent(const std::string &strPath)
@@ -286,6 +304,44 @@ void Sandbox::MountTmpfs(const std::string &strPath, const std::string &strOptio
 void Sandbox::BindHostDir(const std::string &strHostPath)
 {
     m_mounts.push_back({Mount::Kind::Bind, strHostPath, ""});
+}
+
+void Sandbox::InstallStandin(const std::string &strPath)
+{
+    if (!Exists(kRecords))
+        EmptyDir(kRecords);
+    std::string strScript = kStandinScript;
+    const std::string strMark = "@RECORDS@";
+    for (size_t pos; (pos = strScript.find(strMark)) != std::string::npos;)
+        strScript.replace(pos, strMark.size(), kRecords);
+    WriteFile(strPath, strScript, 0755);
+}
+
+std::vector<StandinCall> Sandbox::StandinCalls() const
+{
+    std::vector<StandinCall> calls;
+    for (int n = 1;; ++n) {
+        const std::string strDir = std::string(kRecords) + "/" + std::to_string(n) + "/";
+        const auto ids = ReadFile(strDir + "ids");
+        if (!ids)
+            break;
+        StandinCall call;
+        call.argv = SplitNul(ReadFile(strDir + "cmdline").value_or(""));
+        if (!call.argv.empty())
+            call.argv.erase(call.argv.begin());  // the interpreter
+        call.env = SplitNul(ReadFile(strDir + "environ").value_or(""));
+        call.cwd = ReadFile(strDir + "cwd").value_or("");
+        if (!call.cwd.empty() && call.cwd.back() == '\n')
+            call.cwd.pop_back();
+        std::istringstream fds(ReadFile(strDir + "fds").value_or(""));
+        int fd;
+        std::string strTarget;
+        while (fds >> fd >> strTarget)
+            call.fds[fd] = strTarget;
+        std::istringstream(*ids) >> call.pid >> call.ppid >> call.sid;
+        calls.push_back(call);
+    }
+    return calls;
 }
 
 std::optional<std::string> Sandbox::ReadFile(const std::string &strPath) const

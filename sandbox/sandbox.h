@@ -15,6 +15,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -27,6 +28,17 @@ struct LogMessage {
     std::string tag;    // the sender's name, before ": "
     std::string text;   // the message as sent, a trailing newline included
     std::string raw;    // the whole datagram
+};
+
+// What one stand-in program saw when it was started.
+struct StandinCall {
+    std::vector<std::string> argv;  // argv[0] is the path it was started by
+    std::vector<std::string> env;
+    std::string cwd;
+    std::map<int, std::string> fds;  // inherited descriptor -> what it points to
+    long pid = 0;
+    long ppid = 0;
+    long sid = 0;
 };
 
 struct Result {
@@ -70,6 +82,11 @@ public:
     // A host directory, seen at the same path inside (for example a build
     // tree that is not on the root file system).
     void BindHostDir(const std::string &strHostPath);
+    // Places at strPath a stand-in program that records how it was started
+    // (see StandinCalls), writes one line on each of its outputs and exits 0,
+    // or as any file among its arguments asks with a line
+    // "standin <its base name>: exit N" or "... kill SIGNAL".
+    void InstallStandin(const std::string &strPath);
 
     // Runs a program inside with standard input on /dev/null and the given
     // environment (a standard PATH when none is given); returns when it ends.
@@ -84,6 +101,8 @@ public:
     bool Exists(const std::string &strPath) const;
     // Names in a directory that the sandbox made or changed, sorted.
     std::vector<std::string> List(const std::string &strPath) const;
+    // Every start of a stand-in, in order, over all runs so far.
+    std::vector<StandinCall> StandinCalls() const;
     // Where a path inside lives in the upper layer on the host.
     std::string HostPath(const std::string &strPath) const;
 

@@ -12,156 +12,108 @@
 
 namespace {
 
-using testutil::SplitLines;
-using testutil::Unstamped;
 using Lines = std::vector<std::string>;
 
 const char kInstallerLog[] = "/var/log/dpkg_upgrade.log";
 const char kBanner[] = " ===========[-i /x/a.deb ]===========";
 const char kFailure[] = "Failed to install -i/x/a.deb";
-const char kStandinOut[] = "<no stamp>stand-in dpkg: to standard output";
-const char kStandinErr[] = "<no stamp>stand-in dpkg: to standard error";
+const char kOut[] = "<no stamp>stand-in dpkg: to standard output";
+const char kErr[] = "<no stamp>stand-in dpkg: to standard error";
+const char kBoth[] = "stand-in dpkg: to standard output\nstand-in dpkg: to standard error\n";
 
-// /usr/bin/dpkg is the recording stand-in; the package /x/a.deb tells it how
-// to end ("exit N", "kill SIGNAL").
-std::unique_ptr<sandbox::Sandbox> StandinSandbox(const std::string &strHow)
-{
-    auto sb = testutil::MakeSandbox();
-    testutil::InstallStandin(*sb, "/usr/bin/dpkg");
-    sb->WriteFile("/x/a.deb", "standin dpkg: " + strHow + "\n");
-    return sb;
-}
+enum Setup { kPlain = 0, kNoDpkg = 1, kReadOnlyLog = 2, kIgnoreSigchld = 4 };
 
 Lines InstallerLog(const sandbox::Sandbox &sb)
 {
-    Lines lines = SplitLines(sb.ReadFile(kInstallerLog).value_or(""));
-    std::transform(lines.begin(), lines.end(), lines.begin(), Unstamped);
+    Lines lines = testutil::SplitLines(sb.ReadFile(kInstallerLog).value_or(""));
+    std::transform(lines.begin(), lines.end(), lines.begin(), testutil::Unstamped);
     return lines;
 }
 
-int InstallA()
-{
-    return DebianLib::ExecDpkg("-i", "/x/a.deb") ? 0 : 1;
-}
-
-struct EndCase {
+struct RunCase {
     const char *szName;
-    const char *szHow;
+    int nSetup;
+    const char *szHow;     // how the stand-in dpkg is asked to end
+    const char *szFolder;  // "" for the two-argument form
     bool blInstalled;
+    Lines log;                 // the installer log, stamps removed
+    const char *szCallerSees;  // on the caller's standard output, then error
+    const char *szSyslog;      // the one system-log text after its source, if any
 };
 
-class ExecDpkgEnds : public testing::TestWithParam<EndCase> {};
+class ExecDpkgRuns : public testing::TestWithParam<RunCase> {};
 
-TEST_P(ExecDpkgEnds, JudgesTheExitAndLogsAroundDpkgsOutput)
+TEST_P(ExecDpkgRuns, AsTheCallerAndTheLogsSeeIt)
 {
     REQUIRE_SANDBOX();
-    const EndCase &c = GetParam();
-    auto sb = StandinSandbox(c.szHow);
+    const RunCase &c = GetParam();
+    auto sb = testutil::MakeSandbox();
+    if (c.nSetup & kNoDpkg)
+        sb->Remove("/usr/bin/dpkg");
+    else
+        sb->InstallStandin("/usr/bin/dpkg");
+    if (c.nSetup & kReadOnlyLog)
+        sb->MountReadOnly("/var/log");
+    sb->WriteFile("/x/a.deb", std::string("standin dpkg: ") + c.szHow + "\n");
 
-    const auto res = sb->Call(InstallA);
+    const auto res = sb->Call([&c] {
+        if (c.nSetup & kIgnoreSigchld)
+            signal(SIGCHLD, SIG_IGN);  // the kernel reaps dpkg, so the wait fails
+        setenv("VYRA_CALLER", "kept", 1);
+        if (chdir("/x") != 0)
+            return 2;
+        return DebianLib::ExecDpkg("-i", "/x/a.deb", c.szFolder) ? 0 : 1;
+    });
 
     ASSERT_TRUE(res.Exited()) << res.err;
     EXPECT_EQ(res.ExitCode() == 0, c.blInstalled);
-    const auto calls = testutil::StandinCalls(*sb);
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].argv, (Lines{"/usr/bin/dpkg", "-i", "/x/a.deb"}));
-    EXPECT_EQ(calls[0].fds.at(1), kInstallerLog);
-    EXPECT_EQ(calls[0].fds.at(2), kInstallerLog);
-    Lines expected = {kBanner, kStandinOut, kStandinErr};
-    if (!c.blInstalled)
-        expected.push_back(kFailure);
-    EXPECT_EQ(InstallerLog(*sb), expected);
-    EXPECT_EQ(res.out + res.err, "") << "nothing reaches the caller's outputs";
-}
-
-INSTANTIATE_TEST_SUITE_P(Cases, ExecDpkgEnds,
-                         testing::Values(EndCase{"ExitZero", "exit 0", true},
-                                         EndCase{"ExitOne", "exit 1", false},
-                                         EndCase{"ExitTwo", "exit 2", false},
-                                         EndCase{"KilledCountsAsInstalled", "kill KILL", true}),
-                         [](const testing::TestParamInfo<EndCase> &info) {
-                             return info.param.szName;
-                         });
-
-TEST(ExecDpkg, MissingDpkgFailsWithTheFailureLine)
-{
-    REQUIRE_SANDBOX();
-    auto sb = testutil::MakeSandbox();
-    sb->Remove("/usr/bin/dpkg");
-    sb->WriteFile("/x/a.deb", "");
-
-    const auto res = sb->Call(InstallA);
-
-    EXPECT_EQ(res.ExitCode(), 1);
-    EXPECT_EQ(InstallerLog(*sb), (Lines{kBanner, kFailure}));
-}
-
-TEST(ExecDpkg, ReadOnlyLogLeavesOutputOnTheCallersDescriptors)
-{
-    REQUIRE_SANDBOX();
-    for (const bool blSucceeds : {true, false}) {
-        auto sb = StandinSandbox(blSucceeds ? "exit 0" : "exit 3");
-        sb->MountReadOnly("/var/log");
-
-        const auto res = sb->Call(InstallA);
-
-        EXPECT_EQ(res.ExitCode(), blSucceeds ? 0 : 1);
-        EXPECT_FALSE(sb->Exists(kInstallerLog));
-        EXPECT_EQ(res.out, "stand-in dpkg: to standard output\n");
-        EXPECT_EQ(res.err, "stand-in dpkg: to standard error\n");
+    EXPECT_EQ(InstallerLog(*sb), c.log);
+    EXPECT_EQ(res.out + res.err, c.szCallerSees);
+    ASSERT_EQ(res.log.size(), c.szSyslog != nullptr ? 1u : 0u);
+    if (c.szSyslog != nullptr) {
+        EXPECT_EQ(res.log[0].priority, LOG_USER | LOG_ERR) << "no facility of its own";
+        EXPECT_EQ(testutil::Unsourced(res.log[0].text, "debian_lib.cpp"), c.szSyslog);
     }
-}
-
-TEST(ExecDpkg, ThreeArgumentFormPassesTheFolderOn)
-{
-    REQUIRE_SANDBOX();
-    auto sb = StandinSandbox("exit 1");
-
-    const auto res = sb->Call([] { return DebianLib::ExecDpkg("-i", "/x/a.deb", "/dest") ? 0 : 1; });
-
-    EXPECT_EQ(res.ExitCode(), 1);
-    const auto calls = testutil::StandinCalls(*sb);
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].argv, (Lines{"/usr/bin/dpkg", "-i", "/x/a.deb", "/dest"}));
-    EXPECT_EQ(InstallerLog(*sb), (Lines{" ===========[-i /x/a.deb /dest]===========", kStandinOut,
-                                        kStandinErr, "Failed to install -i/x/a.deb/dest"}));
-}
-
-TEST(ExecDpkg, ChildKeepsTheCallersEnvironmentAndDirectory)
-{
-    REQUIRE_SANDBOX();
-    auto sb = StandinSandbox("exit 0");
-
-    sb->Call([] {
-        setenv("VYRA_CALLER", "kept", 1);
-        return chdir("/x") == 0 ? InstallA() : 2;
-    });
-
-    const auto calls = testutil::StandinCalls(*sb);
-    ASSERT_EQ(calls.size(), 1u);
+    const auto calls = sb->StandinCalls();
+    ASSERT_EQ(calls.size(), c.nSetup & kNoDpkg ? 0u : 1u);
+    if (calls.empty())
+        return;
+    Lines argv = {"/usr/bin/dpkg", "-i", "/x/a.deb"};
+    if (*c.szFolder != '\0')
+        argv.push_back(c.szFolder);
+    EXPECT_EQ(calls[0].argv, argv);
     EXPECT_EQ(calls[0].cwd, "/x");
     EXPECT_NE(std::find(calls[0].env.begin(), calls[0].env.end(), "VYRA_CALLER=kept"),
               calls[0].env.end());
+    if (!(c.nSetup & kReadOnlyLog)) {
+        EXPECT_EQ(calls[0].fds.at(1), kInstallerLog);
+        EXPECT_EQ(calls[0].fds.at(2), kInstallerLog);
+    }
 }
 
-TEST(ExecDpkg, FailedWaitIsLoggedAndFails)
-{
-    REQUIRE_SANDBOX();
-    auto sb = StandinSandbox("exit 0");
-
-    // With SIGCHLD ignored the child is reaped by the kernel and the wait fails.
-    const auto res = sb->Call([] {
-        signal(SIGCHLD, SIG_IGN);
-        return InstallA();
-    });
-
-    EXPECT_EQ(res.ExitCode(), 1);
-    ASSERT_EQ(res.log.size(), 1u);
-    EXPECT_EQ(res.log[0].priority, LOG_USER | LOG_ERR) << "no facility of its own";
-    EXPECT_EQ(testutil::Unsourced(res.log[0].text, "debian_lib.cpp"),
-              "Fail to exec [dpkg -i /x/a.deb] error=[No child processes]");
-    EXPECT_EQ(InstallerLog(*sb), (Lines{kBanner, kStandinOut, kStandinErr}));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ExecDpkgRuns,
+    testing::Values(
+        RunCase{"ExitZero", kPlain, "exit 0", "", true, {kBanner, kOut, kErr}, "", nullptr},
+        RunCase{"ExitOne", kPlain, "exit 1", "", false, {kBanner, kOut, kErr, kFailure}, "", nullptr},
+        RunCase{"ExitTwo", kPlain, "exit 2", "", false, {kBanner, kOut, kErr, kFailure}, "", nullptr},
+        RunCase{"KilledCountsAsInstalled", kPlain, "kill KILL", "", true, {kBanner, kOut, kErr}, "",
+                nullptr},
+        RunCase{"NoDpkg", kNoDpkg, "", "", false, {kBanner, kFailure}, "", nullptr},
+        RunCase{"ReadOnlyLogSucceeds", kReadOnlyLog, "exit 0", "", true, {}, kBoth, nullptr},
+        RunCase{"ReadOnlyLogFails", kReadOnlyLog, "exit 3", "", false, {}, kBoth, nullptr},
+        RunCase{"ThreeArguments",
+                kPlain,
+                "exit 1",
+                "/dest",
+                false,
+                {" ===========[-i /x/a.deb /dest]===========", kOut, kErr,
+                 "Failed to install -i/x/a.deb/dest"},
+                "",
+                nullptr},
+        RunCase{"FailedWait", kIgnoreSigchld, "exit 0", "", false, {kBanner, kOut, kErr}, "",
+                "Fail to exec [dpkg -i /x/a.deb] error=[No child processes]"}),
+    [](const testing::TestParamInfo<RunCase> &info) { return info.param.szName; });
 
 TEST(ExecDpkgWithRealDpkg, InstallsAPackageAndReportsABrokenOne)
 {
@@ -171,11 +123,10 @@ TEST(ExecDpkgWithRealDpkg, InstallsAPackageAndReportsABrokenOne)
                   "Package: vyra-hello\nVersion: 1.0\nArchitecture: all\n"
                   "Maintainer: Tests <tests@example.invalid>\nDescription: test package\n");
     sb->WriteFile("/build/vyra-hello/usr/share/vyra-hello/hello.txt", "hello\n");
-    sb->MakeDir("/x");
+    sb->WriteFile("/x/broken.deb", "!<arch>\nnot a package at all\n");
     const auto built = sb->Run({"/usr/bin/dpkg-deb", "--root-owner-group", "--build",
                                 "/build/vyra-hello", "/x/hello.deb"});
     ASSERT_EQ(built.ExitCode(), 0) << built.err;
-    sb->WriteFile("/x/broken.deb", "!<arch>\nnot a package at all\n");
 
     const auto res = sb->Call([] {
         return (DebianLib::ExecDpkg("-i", "/x/hello.deb") ? 1 : 0) |
@@ -192,10 +143,10 @@ TEST(ExecDpkgWithRealDpkg, InstallsAPackageAndReportsABrokenOne)
     const auto at = [&log](const std::string &strLine) {
         return std::find(log.begin(), log.end(), strLine) - log.begin();
     };
-    const auto nGoodBanner = at(" ===========[-i /x/hello.deb ]===========");
-    const auto nBrokenBanner = at(" ===========[-i /x/broken.deb ]===========");
-    EXPECT_LT(nGoodBanner, nBrokenBanner);
-    EXPECT_LT(nBrokenBanner, static_cast<long>(log.size()) - 2) << "dpkg's complaint follows";
+    EXPECT_LT(at(" ===========[-i /x/hello.deb ]==========="),
+              at(" ===========[-i /x/broken.deb ]==========="));
+    EXPECT_LT(at(" ===========[-i /x/broken.deb ]==========="), static_cast<long>(log.size()) - 2)
+        << "dpkg's complaint lies between the banner and the failure line";
     EXPECT_EQ(log.back(), "Failed to install -i/x/broken.deb");
     EXPECT_EQ(std::count(log.begin(), log.end(), "Failed to install -i/x/hello.deb"), 0);
 }

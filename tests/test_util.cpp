@@ -12,8 +12,6 @@
 
 namespace testutil {
 
-const char kRecords[] = "/standin";
-
 namespace {
 
 int RemoveEntry(const char *szPath, const struct stat *, int, struct FTW *)
@@ -61,17 +59,6 @@ std::vector<std::string> SplitLines(const std::string &strText)
     return lines;
 }
 
-std::vector<std::string> SplitNul(const std::string &strText)
-{
-    std::vector<std::string> parts;
-    size_t pos = 0;
-    for (size_t posNul; (posNul = strText.find('\0', pos)) != std::string::npos; pos = posNul + 1)
-        parts.push_back(strText.substr(pos, posNul - pos));
-    if (pos < strText.size())
-        parts.push_back(strText.substr(pos));
-    return parts;
-}
-
 std::string Unstamped(const std::string &strLine)
 {
     // "YYYY/MM/DD hh:mm:ss\t"
@@ -101,43 +88,8 @@ std::unique_ptr<sandbox::Sandbox> MakeSandbox()
 {
     auto sb = std::make_unique<sandbox::Sandbox>();
     sb->EmptyDir("/var/log");
-    sb->EmptyDir(kRecords);
     sb->BindHostDir(VYRA_BUILD_DIR);
     return sb;
-}
-
-void InstallStandin(sandbox::Sandbox &sb, const std::string &strPath)
-{
-    std::string strScript = ReadFile(std::string(VYRA_TEST_DATA_DIR) + "/standin.sh");
-    const std::string strMark = "@RECORDS@";
-    for (size_t pos; (pos = strScript.find(strMark)) != std::string::npos;)
-        strScript.replace(pos, strMark.size(), kRecords);
-    sb.WriteFile(strPath, strScript, 0755);
-}
-
-std::vector<StandinCall> StandinCalls(const sandbox::Sandbox &sb)
-{
-    std::vector<StandinCall> calls;
-    for (int n = 1; sb.Exists(std::string(kRecords) + "/" + std::to_string(n)); ++n) {
-        const std::string strDir = std::string(kRecords) + "/" + std::to_string(n) + "/";
-        StandinCall call;
-        call.argv = SplitNul(sb.ReadFile(strDir + "cmdline").value_or(""));
-        if (!call.argv.empty())
-            call.argv.erase(call.argv.begin());  // the interpreter
-        call.env = SplitNul(sb.ReadFile(strDir + "environ").value_or(""));
-        call.cwd = sb.ReadFile(strDir + "cwd").value_or("");
-        if (!call.cwd.empty() && call.cwd.back() == '\n')
-            call.cwd.pop_back();
-        std::istringstream fds(sb.ReadFile(strDir + "fds").value_or(""));
-        int fd;
-        std::string strTarget;
-        while (fds >> fd >> strTarget)
-            call.fds[fd] = strTarget;
-        std::istringstream(sb.ReadFile(strDir + "ids").value_or("")) >> call.pid >> call.ppid >>
-            call.sid;
-        calls.push_back(call);
-    }
-    return calls;
 }
 
 }  // namespace testutil

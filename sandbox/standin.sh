@@ -1,5 +1,5 @@
 #!/bin/sh
-# Stands in for dpkg and the appliance's tools in tests: records how it was
+# Stands in for dpkg and the appliance's tools in the sandbox: records how it was
 # started, writes one line on each of its outputs, then ends as its package
 # asks.
 #
