@@ -273,6 +273,36 @@ void VLIBCErrorBackTracePanic(void);
  */
 int32_t VLIBCErrLogSet(const char *szFile, const char *szLog);
 
+/*
+ * Next non-empty token of the string at *szInput, cut at any byte of szSep
+ * and NUL-terminated in place; *szInput moves past it (NULL after a token
+ * that reached the end). NULL when none is left or an argument is NULL
+ * (nothing recorded).
+ */
+char *VLIBCStrTokIndex(char **szInput, const char *szSep);
+/*
+ * Removes TAB, LF, CR and SPACE at both ends, then one pair of enclosing
+ * double quotes; into szOutput, or in place when it is NULL or szInput.
+ * Length of the result; -1 with ERR_BAD_PARAMETERS for a NULL szInput or an
+ * szOutput that starts inside szInput after its first byte.
+ */
+int32_t VLIBCStrTrimSpace(char *szInput, char *szOutput);
+
+/*
+ * 1 when the line carries szKey (its text before the first "=", trimmed),
+ * else 0; cuts szLine. 0 with ERR_BAD_PARAMETERS on a NULL argument.
+ */
+int32_t VLIBCILineKeyMatch(char *szLine, const char *szKey);
+/*
+ * Value of szKey in the key=value file szFile into szValue (sizeMax bytes);
+ * bit 0 of flag set: the last line with the key wins, else the first.
+ * Value length + 1; 0 with ERR_KEY_NOT_FOUND; -1 with ERR_BAD_PARAMETERS,
+ * ERR_OPEN_FAILED or ERR_NOT_ENOUGH_MEMORY (szValue untouched). szValue NULL
+ * with sizeMax 0 only measures.
+ */
+int32_t VLIBCFileGetKeyValue(const char *szFile, const char *szKey, char *szValue,
+                             int32_t sizeMax, int32_t flag);
+
 #ifdef __cplusplus
 }
 #endif
