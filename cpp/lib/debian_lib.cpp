@@ -3,11 +3,15 @@
 #include "debian_lib.h"
 
 #include <fcntl.h>
+#include <limits.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include "vyracore.h"
 
@@ -15,10 +19,66 @@ namespace {
 
 const char kDpkgPath[] = "/usr/bin/dpkg";
 const char kInstallerLog[] = "/var/log/dpkg_upgrade.log";
+const char kVersionFile[] = "/etc.defaults/VERSION";
+constexpr auto npos = std::string::npos;
 
 }  // namespace
 
 namespace DebianLib {
+
+int FindSmallFixNumfromDeb(const std::string &strDebName)
+{
+    char szTemp[32];
+
+    if (strDebName.empty())
+        return -1;
+    // Throws for 1 to 3 characters; glob only hands over "*.deb" matches.
+    if (strDebName.compare(strDebName.length() - 4, 4, ".deb") != 0)
+        return -1;
+
+    const auto idxFirstUnderLine = strDebName.find('_');
+    if (idxFirstUnderLine == npos)
+        return -1;
+    const auto idxLastUnderLine = strDebName.rfind('_');
+    if (idxLastUnderLine == npos || idxLastUnderLine == idxFirstUnderLine)
+        return -1;
+
+    // Read on every call: the system may be updated while packages wait.
+    if (VLIBCFileGetKeyValue(kVersionFile, "buildnumber", szTemp, sizeof(szTemp), 0) <= 0) {
+        syslog(LOG_ERR, "%s:%d Get buildnumber Fail\n", __FILE_NAME__, __LINE__);
+        return -1;
+    }
+    // Matched as text, anchored by the dashes: build 266 is not -1266-s.
+    const std::string strBuildNumberPattern = std::string("-") + szTemp + "-s";
+    const auto idxTemp = strDebName.find(strBuildNumberPattern);
+    if (idxTemp == npos) {
+        syslog(LOG_ERR, "%s:%d different buildnumber of deb [%s] with system buildnumber [%s]\n",
+               __FILE_NAME__, __LINE__, strDebName.c_str(), szTemp);
+        return -1;
+    }
+
+    const std::string strDebVer =
+        strDebName.substr(idxFirstUnderLine + 1, idxLastUnderLine - idxFirstUnderLine - 1);
+    if (strDebVer.find('_') != npos)
+        return -1;
+    const auto idxSmallNumber = strDebVer.rfind("-s");
+    if (idxSmallNumber == npos)
+        return -1;
+    const std::string strSmallFixVer = strDebVer.substr(idxSmallNumber + 2);
+
+    // long is 32 bits on the appliance, where strtol itself clamps to the int
+    // range; clamping here gives the same number where long is wider.
+    const long nConverted = strtol(strSmallFixVer.c_str(), nullptr, 10);
+    const int smallFixNum = static_cast<int>(std::clamp<long>(nConverted, INT_MIN, INT_MAX));
+    return smallFixNum;
+}
+
+bool InstallDebCompare(const std::string &strDebFirst, const std::string &strDebSecond)
+{
+    const int nFirst = FindSmallFixNumfromDeb(strDebFirst);
+    const int nSecond = FindSmallFixNumfromDeb(strDebSecond);
+    return nFirst < nSecond;
+}
 
 void WriteUpdateLog(const std::string &strMsg, const std::string &strFileName)
 {
