@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <ftw.h>
 #include <stdlib.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -71,17 +72,23 @@ std::string Unstamped(const std::string &strLine)
     return blStamped ? strLine.substr(cb) : "<no stamp>" + strLine;
 }
 
-std::string Unsourced(const std::string &strText, const std::string &strFile)
+std::vector<std::string> LogTexts(const sandbox::Result &res)
 {
-    const std::string strPrefix = strFile + ":";
-    size_t pos = strPrefix.size();
-    if (strText.compare(0, pos, strPrefix) != 0)
-        return "<no source>" + strText;
-    while (pos < strText.size() && isdigit(static_cast<unsigned char>(strText[pos])))
-        ++pos;
-    if (pos == strPrefix.size() || pos >= strText.size() || strText[pos] != ' ')
-        return "<no source>" + strText;
-    return strText.substr(pos + 1);
+    std::vector<std::string> texts;
+    for (const sandbox::LogMessage &msg : res.log) {
+        std::string strText = msg.text;
+        const size_t posColon = strText.find(':');
+        size_t pos = posColon + 1;
+        while (posColon != std::string::npos && pos < strText.size() &&
+               isdigit(static_cast<unsigned char>(strText[pos])))
+            ++pos;
+        if (posColon != std::string::npos && pos > posColon + 1)
+            strText.erase(posColon + 1, pos - posColon - 1);
+        if (msg.priority != (LOG_USER | LOG_ERR))
+            strText = "<priority " + std::to_string(msg.priority) + "> " + strText;
+        texts.push_back(strText);
+    }
+    return texts;
 }
 
 std::unique_ptr<sandbox::Sandbox> MakeSandbox()

@@ -34,9 +34,10 @@ std::vector<std::string> SplitLines(const std::string &strText);
 // A line written through the time-stamped log writer, without its stamp;
 // "<no stamp>" followed by the line when it does not start with one.
 std::string Unstamped(const std::string &strLine);
-// A system-log text without its "<strFile>:<line> " prefix; "<no source>"
-// followed by the text when it does not start so.
-std::string Unsourced(const std::string &strText, const std::string &strFile);
+// The system-log texts of a run, each as "<source file>: <text>" with the
+// line number dropped; "<priority N> " in front of one that was not sent at
+// LOG_ERR with the default facility.
+std::vector<std::string> LogTexts(const sandbox::Result &res);
 
 // A sandbox with an empty /var/log, the build tree visible at its own path.
 std::unique_ptr<sandbox::Sandbox> MakeSandbox();
