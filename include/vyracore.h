@@ -303,6 +303,56 @@ int32_t VLIBCILineKeyMatch(char *szLine, const char *szKey);
 int32_t VLIBCFileGetKeyValue(const char *szFile, const char *szKey, char *szValue,
                              int32_t sizeMax, int32_t flag);
 
+/* One lock file of the appliance; see rgslckList. */
+typedef struct _tag_VLIB_LOCK_ {
+    FILE *pfFile;       /* the open stream while this process holds the lock */
+    const char *szFile; /* the lock file's path */
+    int32_t idFile;     /* a single bit, distinct for every lock; 0 ends the table */
+    int32_t cLock;      /* hold count; 0 when not held */
+    int32_t type;
+} VLIBLOCK;
+
+/* The lock files under /tmp/lock: 28 rows, then a terminator (idFile 0). */
+extern VLIBLOCK rgslckList[29];
+
+/*
+ * Zeroes every row's count and closes and forgets every held stream, even
+ * after a failed close. 0, or -1 if a close failed; nothing is recorded.
+ */
+int32_t VLIBCFileCloseLock(void);
+
+/* Preparation of the child by VLIBCProcForkEx, applied in this order: */
+#define FORK_PATH_ONLY_ENV 0x08 /* the environment keeps PATH only */
+#define FORK_CLOSE_LOCKS 0x02   /* the lock files are closed */
+#define FORK_NULL_STDIO 0x01    /* descriptors 0-2 on /dev/null */
+#define FORK_CLOSE_ALL_FDS 0x04 /* lock files and descriptors 3 and up closed */
+#define FORK_DETACH 0x40        /* double fork: the program runs on as a grandchild */
+#define FORK_NEW_SESSION 0x20   /* a session of its own */
+#define FORK_CHDIR_ROOT 0x10    /* "/" as working directory */
+
+/*
+ * Flushes every output stream, forks and prepares the child as flag asks.
+ * 0 in the child; the child's id in the caller, or 1 with FORK_DETACH once
+ * the intermediate child has ended well. -1 on failure (ERR_FORK_FAIL when
+ * the fork fails).
+ */
+pid_t VLIBCProcForkEx(int32_t flag);
+/*
+ * Runs szPath (no PATH search) with the arguments up to the first NULL in a
+ * child prepared as flag asks, and waits for it. The exit code 0-255 (255
+ * too when the program cannot be started); 0 when the child cannot be
+ * waited for because it is no child of ours; -1 with ERR_OP_FAILURE when it
+ * was killed by a signal, the fork or the wait failed, or a detach failed.
+ */
+int32_t VLIBCExecl(const char *szPath, int32_t flag, const char *szArg, ...);
+/*
+ * VLIBCExecl with FORK_NULL_STDIO, FORK_CLOSE_LOCKS, FORK_PATH_ONLY_ENV,
+ * FORK_CHDIR_ROOT and FORK_NEW_SESSION (0x3B) and up to four arguments; a
+ * NULL argument ends the list.
+ */
+int32_t VLIBCExec(const char *szPath, const char *szArg1, const char *szArg2,
+                  const char *szArg3, const char *szArg4);
+
 #ifdef __cplusplus
 }
 #endif
