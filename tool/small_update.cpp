@@ -1,11 +1,56 @@
 // small_update: installs the critical-fix packages found in "/smallupd@te/".
+//
+// One run takes no arguments and reads no configuration: it judges every
+// "*.deb" there, installs the accepted packages in ascending small-fix order,
+// reports every rejected or failed package on standard error, in the system
+// log, in the event log and to the administrators, and appends one verdict
+// line to the update log. Exit status 0 when everything went through, 255
+// when nothing was found or anything was rejected or failed.
+#include <glob.h>
 #include <stdio.h>
+#include <string.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <string>
+#include <vector>
 
 #include "debian_lib.h"
 #include "smallupdate.h"
+#include "vyracore.h"
+
+namespace {
+
+const char kUpdateLog[] = "/var/log/vyraupdate.log";
+
+// How one kind of trouble with a package is reported on the four channels.
+struct PackageReport {
+    const char *szBefore;  // the message is szBefore + path + szAfter
+    const char *szAfter;
+    const char *szEventCode;
+    const char *szMessageKey;
+};
+
+const PackageReport kRejected = {"Unexpected Debian [", "], skip install.\n", "0x11B01030",
+                                 "update:small_update_check_failed"};
+const PackageReport kInstallFailed = {"Failed to install [", "]\n", "0x11B01031",
+                                      "update:small_update_install_failed"};
+
+// Standard error, system log, event log, administrators: always all four, in
+// this order. The message is assembled here and handed on as an argument,
+// never as a format, whatever bytes the path holds. The tools' results are
+// of no consequence to the run.
+void ReportPackage(const PackageReport &report, const std::string &strDebPath)
+{
+    const std::string strMsg = report.szBefore + strDebPath + report.szAfter;
+    fprintf(stderr, "%s", strMsg.c_str());
+    syslog(LOG_ERR, "%s:%d %s", __FILE_NAME__, __LINE__, strMsg.c_str());
+    VLIBCExec("/usr/vyra/bin/vyralogset1", "sys", "err", report.szEventCode, strDebPath.c_str());
+    VLIBCExec("/usr/vyra/bin/vyradeknotify", "@administrators", report.szMessageKey,
+              strDebPath.c_str(), nullptr);
+}
+
+}  // namespace
 
 void Usage();
 
@@ -52,5 +97,56 @@ bool CheckDebian(const std::string &strDebPath)
         ret = false;
     else
         ret = true;
+    return ret;
+}
+
+int main(int /* argc */, char * /* argv */[])
+{
+    int ret = -1;
+    bool blHaveErr = false;
+    glob_t globbuf;
+    std::string strServices;
+    std::vector<std::string> installDebList;
+
+    strServices = "/smallupd@te/";
+    strServices += "*.deb";
+    memset(&globbuf, 0, sizeof(globbuf));
+    // A missing or unreadable directory is the same as an empty one, so the
+    // result is not looked at; only the matches count.
+    glob(strServices.c_str(), GLOB_ERR, nullptr, &globbuf);
+
+    if (globbuf.gl_pathc > 0) {
+        // Every candidate is judged before anything is installed, so all
+        // rejections are reported first and the list can be put in order.
+        for (size_t idx = 0; idx < globbuf.gl_pathc; ++idx) {
+            const std::string strDebPath = globbuf.gl_pathv[idx];
+            if (CheckDebian(strDebPath)) {
+                installDebList.push_back(strDebPath);
+            } else {
+                ReportPackage(kRejected, strDebPath);
+                blHaveErr = true;
+            }
+        }
+
+        std::sort(installDebList.begin(), installDebList.end(), DebianLib::InstallDebCompare);
+
+        // A failure stops nothing: each package stands on its own, and what
+        // was installed before stays installed.
+        for (const std::string &strDebPath : installDebList) {
+            if (!DebianLib::ExecDpkg("-i", strDebPath)) {
+                ReportPackage(kInstallFailed, strDebPath);
+                blHaveErr = true;
+            }
+        }
+
+        if (!blHaveErr) {
+            DebianLib::WriteUpdateLog("Finished critical update!!!", kUpdateLog);
+            ret = 0;
+        } else {
+            DebianLib::WriteUpdateLog("Failed to update critical update", kUpdateLog);
+        }
+    }
+
+    globfree(&globbuf);
     return ret;
 }
