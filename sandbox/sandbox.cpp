@@ -317,6 +317,19 @@ void Sandbox::InstallStandin(const std::string &strPath)
     WriteFile(strPath, strScript, 0755);
 }
 
+bool Sandbox::BuildDeb(const std::string &strPackage, const std::string &strDebPath)
+{
+    const std::string strRoot = "/tmp/build-" + strPackage;
+    WriteFile(strRoot + "/DEBIAN/control",
+              "Package: " + strPackage +
+                  "\nVersion: 1.0\nArchitecture: all\n"
+                  "Maintainer: Nobody <nobody@example.invalid>\nDescription: sample package\n");
+    WriteFile(strRoot + "/usr/share/" + strPackage + "/hello", strPackage + "\n");
+    MakeDir(Parent(strDebPath));
+    return Run({"/usr/bin/dpkg-deb", "--root-owner-group", "--build", strRoot, strDebPath})
+               .ExitCode() == 0;
+}
+
 std::vector<StandinCall> Sandbox::StandinCalls() const
 {
     std::vector<StandinCall> calls;

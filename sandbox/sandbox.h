@@ -101,6 +101,11 @@ public:
     bool Exists(const std::string &strPath) const;
     // Names in a directory that the sandbox made or changed, sorted.
     std::vector<std::string> List(const std::string &strPath) const;
+    // Builds with dpkg-deb, inside, a package strPackage of version 1.0 that
+    // installs /usr/share/<strPackage>/hello holding "<strPackage>\n", as the
+    // file strDebPath. False when dpkg-deb fails.
+    bool BuildDeb(const std::string &strPackage, const std::string &strDebPath);
+
     // Every start of a stand-in, in order, over all runs so far.
     std::vector<StandinCall> StandinCalls() const;
     // Where a path inside lives in the upper layer on the host.

@@ -114,14 +114,8 @@ TEST(ExecDpkgWithRealDpkg, InstallsAPackageAndReportsABrokenOne)
 {
     REQUIRE_SANDBOX();
     auto sb = testutil::MakeSandbox();
-    sb->WriteFile("/build/vyra-hello/DEBIAN/control",
-                  "Package: vyra-hello\nVersion: 1.0\nArchitecture: all\n"
-                  "Maintainer: Tests <tests@example.invalid>\nDescription: test package\n");
-    sb->WriteFile("/build/vyra-hello/usr/share/vyra-hello/hello.txt", "hello\n");
+    ASSERT_TRUE(sb->BuildDeb("vyra-hello", "/x/hello.deb"));
     sb->WriteFile("/x/broken.deb", "!<arch>\nnot a package at all\n");
-    const auto built = sb->Run({"/usr/bin/dpkg-deb", "--root-owner-group", "--build",
-                                "/build/vyra-hello", "/x/hello.deb"});
-    ASSERT_EQ(built.ExitCode(), 0) << built.err;
 
     const auto res = sb->Call([] {
         return (DebianLib::ExecDpkg("-i", "/x/hello.deb") ? 1 : 0) |
@@ -129,7 +123,7 @@ TEST(ExecDpkgWithRealDpkg, InstallsAPackageAndReportsABrokenOne)
     });
 
     EXPECT_EQ(res.ExitCode(), 1) << "the good one installed, the broken one not";
-    EXPECT_EQ(sb->ReadFile("/usr/share/vyra-hello/hello.txt"), "hello\n");
+    EXPECT_EQ(sb->ReadFile("/usr/share/vyra-hello/hello"), "vyra-hello\n");
     EXPECT_NE(sb->ReadFile("/var/lib/dpkg/status")
                   .value_or("")
                   .find("Package: vyra-hello\nStatus: install ok installed\n"),

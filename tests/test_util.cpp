@@ -99,4 +99,11 @@ std::unique_ptr<sandbox::Sandbox> MakeSandbox()
     return sb;
 }
 
+std::vector<std::string> ToolCommand(const std::vector<std::string> &args)
+{
+    std::vector<std::string> argv = {VYRA_TOOL};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
+}
+
 }  // namespace testutil

@@ -41,6 +41,8 @@ std::vector<std::string> LogTexts(const sandbox::Result &res);
 
 // A sandbox with an empty /var/log, the build tree visible at its own path.
 std::unique_ptr<sandbox::Sandbox> MakeSandbox();
+// The command that runs the built small_update, followed by args.
+std::vector<std::string> ToolCommand(const std::vector<std::string> &args = {});
 
 }  // namespace testutil
 
