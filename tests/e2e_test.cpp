@@ -208,7 +208,9 @@ TEST(SmallUpdate, ToolsRunPreparedWhileDpkgKeepsTheCallersWorld)
     auto env = sandbox::Sandbox::DefaultEnv();
     env.push_back("VYRA_CALLER=kept");
 
-    sb->Run({"/bin/sh", "-c", "cd /tmp && exec \"$0\"", testutil::ToolCommand()[0]}, env);
+    auto command = testutil::ToolCommand();
+    command.insert(command.begin(), {"/bin/sh", "-c", "cd /tmp && exec \"$@\"", "sh"});
+    sb->Run(command, env);
 
     const auto calls = sb->StandinCalls();
     ASSERT_EQ(calls.size(), 3u);

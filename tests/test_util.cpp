@@ -101,7 +101,7 @@ std::unique_ptr<sandbox::Sandbox> MakeSandbox()
 
 std::vector<std::string> ToolCommand(const std::vector<std::string> &args)
 {
-    std::vector<std::string> argv = {VYRA_TOOL};
+    std::vector<std::string> argv = {VYRA_TOOL_COMMAND};
     argv.insert(argv.end(), args.begin(), args.end());
     return argv;
 }

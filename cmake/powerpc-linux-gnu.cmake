@@ -1,0 +1,18 @@
+# Cross-build for the appliance: 32-bit big-endian PowerPC, with Debian's
+# g++-powerpc-linux-gnu. Tests run under qemu-user with the cross sysroot.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR powerpc)
+
+set(VYRA_TARGET_TRIPLET powerpc-linux-gnu)
+set(VYRA_TARGET_SYSROOT /usr/${VYRA_TARGET_TRIPLET})
+set(VYRA_DEB_ARCHITECTURE powerpc)
+
+set(CMAKE_C_COMPILER ${VYRA_TARGET_TRIPLET}-gcc)
+set(CMAKE_CXX_COMPILER ${VYRA_TARGET_TRIPLET}-g++)
+set(CMAKE_CROSSCOMPILING_EMULATOR /usr/bin/qemu-ppc -L ${VYRA_TARGET_SYSROOT})
+
+set(CMAKE_FIND_ROOT_PATH ${VYRA_TARGET_SYSROOT})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
