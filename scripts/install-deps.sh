@@ -1,7 +1,12 @@
 #!/bin/sh
 # Installs the Debian packages that building and testing need, if missing.
+#   scripts/install-deps.sh           for building and testing on this machine
+#   scripts/install-deps.sh --target  also the PowerPC cross compiler and qemu-user
 set -eu
-packages="cmake g++ make libgtest-dev dpkg-dev"
+packages="cmake g++ make libgtest-dev man-db"
+if [ "${1:-}" = --target ]; then
+    packages="$packages g++-powerpc-linux-gnu qemu-user"
+fi
 missing=
 for p in $packages; do
     dpkg-query -W -f='${Status}\n' "$p" 2>/dev/null | grep -q '^install ok installed$' ||
@@ -12,6 +17,7 @@ if [ "$(id -u)" -ne 0 ]; then
     echo "missing Debian packages:$missing (run as root to install them)" >&2
     exit 1
 fi
+echo "Installing:$missing"
 export DEBIAN_FRONTEND=noninteractive
 apt-get update -q
 # shellcheck disable=SC2086
