@@ -104,6 +104,59 @@ bool IsWhiteout(const struct stat &st)
     return S_ISCHR(st.st_mode) && st.st_rdev == makedev(0, 0);
 }
 
+// Copies regular files, directories and symbolic links; anything else (the
+// tests leave nothing else in a tmpfs) is skipped.
+void CopyTree(const std::string &strFrom, const std::string &strTo)
+{
+    struct stat st;
+    if (lstat(strFrom.c_str(), &st) != 0)
+        return;
+    if (S_ISDIR(st.st_mode)) {
+        mkdir(strTo.c_str(), st.st_mode & 07777);
+        DIR *pDir = opendir(strFrom.c_str());
+        if (pDir == nullptr)
+            return;
+        while (const struct dirent *pEntry = readdir(pDir)) {
+            const std::string strName = pEntry->d_name;
+            if (strName != "." && strName != "..")
+                CopyTree(strFrom + "/" + strName, strTo + "/" + strName);
+        }
+        closedir(pDir);
+    } else if (S_ISREG(st.st_mode)) {
+        const int fdFrom = open(strFrom.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+        const int fdTo = open(strTo.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 07777);
+        std::string strContent;
+        if (fdFrom >= 0 && fdTo >= 0 && (ReadAvailable(fdFrom, &strContent), true))
+            WriteAll(fdTo, strContent);
+        if (fdFrom >= 0)
+            close(fdFrom);
+        if (fdTo >= 0)
+            close(fdTo);
+    } else if (S_ISLNK(st.st_mode)) {
+        char szTarget[4096];
+        const ssize_t cb = readlink(strFrom.c_str(), szTarget, sizeof(szTarget) - 1);
+        if (cb >= 0) {
+            szTarget[cb] = '\0';
+            symlink(szTarget, strTo.c_str());
+        }
+    }
+}
+
+// So that a program gets descriptors 0-2 and nothing the caller happened to
+// have open.
+void CloseOnExecFrom3()
+{
+    DIR *pDir = opendir("/proc/self/fd");
+    if (pDir == nullptr)
+        return;
+    while (const struct dirent *pEntry = readdir(pDir)) {
+        const int fd = atoi(pEntry->d_name);
+        if (fd > STDERR_FILENO && fd != dirfd(pDir))
+            fcntl(fd, F_SETFD, FD_CLOEXEC);
+    }
+    closedir(pDir);
+}
+
 int RemoveEntry(const char *szPath, const struct stat *, int, struct FTW *)
 {
     remove(szPath);
@@ -230,7 +283,27 @@ std::string Sandbox::HostPath(const std::string &strPath) const
 {
     if (strPath.empty() || strPath[0] != '/')
         Throw("not an absolute path: " + strPath);
+    for (auto it = m_mounts.rbegin(); it != m_mounts.rend(); ++it) {
+        if (it->kind == Mount::Kind::Tmpfs &&
+            (strPath == it->strPath || strPath.rfind(it->strPath + "/", 0) == 0))
+            return m_strTop + "/mounts" + strPath;
+    }
     return m_strTop + "/upper" + strPath;
+}
+
+void Sandbox::SetWorkingDirectory(const std::string &strPath)
+{
+    m_strWorkingDirectory = strPath;
+}
+
+void Sandbox::PassOutputThrough()
+{
+    m_blPassThrough = true;
+}
+
+void Sandbox::DropLog()
+{
+    m_blDropLog = true;
 }
 
 void Sandbox::WriteFile(const std::string &strPath, const std::string &strContent, mode_t mode)
@@ -352,6 +425,9 @@ std::vector<StandinCall> Sandbox::StandinCalls() const
         while (fds >> fd >> strTarget)
             call.fds[fd] = strTarget;
         std::istringstream(*ids) >> call.pid >> call.ppid >> call.sid;
+        std::istringstream pending(ReadFile(strDir + "pending").value_or(""));
+        for (int nCall; pending >> nCall;)
+            call.pending.push_back(nCall);
         calls.push_back(call);
     }
     return calls;
@@ -525,8 +601,24 @@ void Sandbox::SetUpInside(int fdCtl, int fdOut, int fdErr) const
         if (errno != EINTR)
             fail("waiting for the worker");
     }
+    CopyOutTmpfs();
     WriteAll(fdCtl, "status " + std::to_string(status));
     _exit(0);
+}
+
+void Sandbox::CopyOutTmpfs() const
+{
+    for (const Mount &mnt : m_mounts) {
+        if (mnt.kind != Mount::Kind::Tmpfs)
+            continue;
+        const std::string strTo = m_strTop + "/mounts" + mnt.strPath;
+        try {
+            MakeDirs(Parent(strTo), 0755);
+        } catch (const std::exception &) {
+            continue;
+        }
+        CopyTree(m_strTop + "/root" + mnt.strPath, strTo);
+    }
 }
 
 Result Sandbox::Launch(const std::function<void()> &body)
@@ -569,13 +661,15 @@ Result Sandbox::Launch(const std::function<void()> &body)
         ctl.CloseRead();
         SetUpInside(ctl.fdWrite, out.fdWrite, err.fdWrite);
         // The worker: enter the root and hand over to the body.
-        if (chroot((m_strTop + "/root").c_str()) != 0 || chdir("/") != 0) {
-            WriteAll(ctl.fdWrite, WithErrno("setup chroot"));
+        if (chroot((m_strTop + "/root").c_str()) != 0 ||
+            chdir(m_strWorkingDirectory.c_str()) != 0) {
+            WriteAll(ctl.fdWrite, WithErrno("setup entering " + m_strWorkingDirectory));
             _exit(127);
         }
         const int fdNull = open("/dev/null", O_RDONLY);
-        if (fdNull < 0 || dup2(fdNull, STDIN_FILENO) < 0 || dup2(out.fdWrite, STDOUT_FILENO) < 0 ||
-            dup2(err.fdWrite, STDERR_FILENO) < 0) {
+        if (fdNull < 0 || dup2(fdNull, STDIN_FILENO) < 0 ||
+            (!m_blPassThrough && (dup2(out.fdWrite, STDOUT_FILENO) < 0 ||
+                                  dup2(err.fdWrite, STDERR_FILENO) < 0))) {
             WriteAll(ctl.fdWrite, WithErrno("setup standard descriptors"));
             _exit(127);
         }
@@ -584,6 +678,7 @@ Result Sandbox::Launch(const std::function<void()> &body)
         out.CloseWrite();
         err.CloseWrite();
         ctl.CloseWrite();
+        CloseOnExecFrom3();
         body();
         _exit(127);
     }
@@ -607,7 +702,8 @@ Result Sandbox::Launch(const std::function<void()> &body)
                 continue;
             if (cb < 0)
                 break;
-            res.log.push_back(ParseLog(strDatagram.substr(0, static_cast<size_t>(cb))));
+            if (!m_blDropLog)
+                res.log.push_back(ParseLog(strDatagram.substr(0, static_cast<size_t>(cb))));
         }
     };
     struct pollfd fds[4] = {{ctl.fdRead, POLLIN, 0},

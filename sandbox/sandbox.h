@@ -39,6 +39,7 @@ struct StandinCall {
     long pid = 0;
     long ppid = 0;
     long sid = 0;
+    std::vector<int> pending;  // earlier calls (1-based) not yet ended when it started
 };
 
 struct Result {
@@ -76,7 +77,9 @@ public:
     void EmptyDir(const std::string &strPath, mode_t mode = 0755);
     // strPath does not exist inside.
     void Remove(const std::string &strPath);
-    // Mounts applied at the start of every run, in the order given.
+    // Mounts applied at the start of every run, in the order given. What a
+    // run leaves in a tmpfs is copied out when it ends, so it can be read
+    // back like everything else.
     void MountReadOnly(const std::string &strPath);
     void MountTmpfs(const std::string &strPath, const std::string &strOptions);
     // A host directory, seen at the same path inside (for example a build
@@ -85,11 +88,21 @@ public:
     // Places at strPath a stand-in program that records how it was started
     // (see StandinCalls), writes one line on each of its outputs and exits 0,
     // or as any file among its arguments asks with a line
-    // "standin <its base name>: exit N" or "... kill SIGNAL".
+    // "standin <its base name>: exit N", "... kill SIGNAL" or "... sleep N"
+    // (then exits 0).
     void InstallStandin(const std::string &strPath);
 
-    // Runs a program inside with standard input on /dev/null and the given
-    // environment (a standard PATH when none is given); returns when it ends.
+    // How runs start: in strPath (default "/"), and with the program's own
+    // standard output and error passed through to the caller's instead of
+    // being collected.
+    void SetWorkingDirectory(const std::string &strPath);
+    void PassOutputThrough();
+    // System-log messages are read and dropped, for runs that send many.
+    void DropLog();
+
+    // Runs a program inside with standard input on /dev/null, descriptors 0-2
+    // only and the given environment (a standard PATH when none is given);
+    // returns when it ends.
     Result Run(const std::vector<std::string> &argv,
                const std::vector<std::string> &env = DefaultEnv());
     // Runs fn in a forked child inside, in the standard environment; its
@@ -122,9 +135,13 @@ private:
 
     Result Launch(const std::function<void()> &body);
     void SetUpInside(int fdCtl, int fdOut, int fdErr) const;
+    void CopyOutTmpfs() const;
 
     std::string m_strTop;
     std::vector<Mount> m_mounts;
+    std::string m_strWorkingDirectory = "/";
+    bool m_blPassThrough = false;
+    bool m_blDropLog = false;
 };
 
 }  // namespace sandbox

@@ -10,9 +10,12 @@
 #   cwd      its working directory
 #   fds      "<fd> <target>" for each descriptor it inherited
 #   ids      "<pid> <parent pid> <session id>"
-# If an argument names a file holding a line "standin <name>: exit N" or
-# "standin <name>: kill SIGNAL" (<name> being this program's base name), it
-# ends that way; otherwise it exits 0.
+#   pending  the earlier calls that had not yet ended when it started
+#   ended    made when it ends, unless a signal ends it
+# If an argument names a file holding a line "standin <name>: exit N",
+# "standin <name>: kill SIGNAL" or "standin <name>: sleep N" (<name> being
+# this program's base name), it ends that way (after N seconds, for sleep);
+# otherwise it exits 0.
 records=@RECORDS@
 name=${0##*/}
 how=
@@ -26,6 +29,13 @@ while ! mkdir "$records/$n" 2>/dev/null; do
     n=$((n + 1))
 done
 rec=$records/$n
+trap ': > "$rec/ended"' EXIT
+pending=
+for other in "$records"/*; do
+    other=${other##*/}
+    [ "$other" = "$n" ] || [ -e "$records/$other/ended" ] || pending="$pending $other"
+done
+echo "$pending" > "$rec/pending"
 cat /proc/$$/cmdline > "$rec/cmdline"
 cat /proc/$$/environ > "$rec/environ"
 readlink /proc/$$/cwd > "$rec/cwd"
@@ -47,5 +57,6 @@ echo "stand-in $name: to standard error" >&2
 case $how in
     "exit "*) exit "${how#exit }" ;;
     "kill "*) kill -s "${how#kill }" $$ ;;
+    "sleep "*) sleep "${how#sleep }" ;;
 esac
 exit 0
