@@ -2,11 +2,15 @@
 # Installs the Debian packages that building and testing need, if missing.
 #   scripts/install-deps.sh           for building and testing on this machine
 #   scripts/install-deps.sh --target  also the PowerPC cross compiler and qemu-user
+#   scripts/install-deps.sh --fuzz    also clang with libFuzzer
+#   scripts/install-deps.sh --check   also clang-tidy and cppcheck
 set -eu
-packages="cmake g++ make libgtest-dev man-db"
-if [ "${1:-}" = --target ]; then
-    packages="$packages g++-powerpc-linux-gnu qemu-user"
-fi
+packages="cmake g++ make libgtest-dev man-db valgrind"
+case "${1:-}" in
+    --target) packages="$packages g++-powerpc-linux-gnu qemu-user" ;;
+    --fuzz) packages="$packages clang libclang-rt-14-dev" ;;
+    --check) packages="$packages clang-tidy cppcheck" ;;
+esac
 missing=
 for p in $packages; do
     dpkg-query -W -f='${Status}\n' "$p" 2>/dev/null | grep -q '^install ok installed$' ||

@@ -2,6 +2,7 @@
 // recording stand-ins for dpkg and the appliance's two tools.
 #include <algorithm>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -201,7 +202,9 @@ TEST(SmallUpdate, RejectingEverythingRunsNoDpkg)
                                       .Verdict(false));
 }
 
-TEST(SmallUpdate, ToolsRunPreparedWhileDpkgKeepsTheCallersWorld)
+// Descriptor 7 stands for whatever the tool's caller leaves open: the design
+// passes it on to every child, but nothing the tool opens itself.
+TEST(SmallUpdate, ChildrenGetOnlyWhatTheDesignLetsThrough)
 {
     REQUIRE_SANDBOX();
     auto sb = Machine({{"a_1-2668-s1_all.deb", kFail}});
@@ -209,7 +212,8 @@ TEST(SmallUpdate, ToolsRunPreparedWhileDpkgKeepsTheCallersWorld)
     env.push_back("VYRA_CALLER=kept");
 
     auto command = testutil::ToolCommand();
-    command.insert(command.begin(), {"/bin/sh", "-c", "cd /tmp && exec \"$@\"", "sh"});
+    command.insert(command.begin(),
+                   {"/bin/sh", "-c", "cd /tmp && exec 7</etc/hostname && exec \"$@\"", "sh"});
     sb->Run(command, env);
 
     const auto calls = sb->StandinCalls();
@@ -217,14 +221,20 @@ TEST(SmallUpdate, ToolsRunPreparedWhileDpkgKeepsTheCallersWorld)
     const auto &dpkg = calls[0];
     EXPECT_EQ(dpkg.cwd, "/tmp");
     EXPECT_NE(std::find(dpkg.env.begin(), dpkg.env.end(), "VYRA_CALLER=kept"), dpkg.env.end());
-    EXPECT_EQ(dpkg.fds.at(1), kInstallerLog);
+    EXPECT_EQ(dpkg.fds, (std::map<int, std::string>{{0, "/dev/null"},
+                                                    {1, kInstallerLog},
+                                                    {2, kInstallerLog},
+                                                    {7, "/etc/hostname"}}));
     for (const auto &tool : {calls[1], calls[2]}) {
         EXPECT_EQ(tool.env, Lines{sandbox::Sandbox::DefaultEnv()[0]}) << tool.argv[0];
         EXPECT_EQ(tool.cwd, "/") << tool.argv[0];
         EXPECT_EQ(tool.sid, tool.pid) << tool.argv[0];
         EXPECT_EQ(tool.ppid, dpkg.ppid) << "a child of the tool: " << tool.argv[0];
-        for (int fd = 0; fd <= 2; ++fd)
-            EXPECT_EQ(tool.fds.at(fd), "/dev/null") << tool.argv[0];
+        EXPECT_EQ(tool.fds, (std::map<int, std::string>{{0, "/dev/null"},
+                                                        {1, "/dev/null"},
+                                                        {2, "/dev/null"},
+                                                        {7, "/etc/hostname"}}))
+            << tool.argv[0];
     }
 }
 
@@ -256,6 +266,140 @@ TEST(SmallUpdate, HostileNamesAreJudgedLikeAnyOther)
     ASSERT_EQ(banners.size(), good.size());
     for (size_t i = 0; i < good.size(); ++i)
         EXPECT_EQ(banners[i], " ===========[-i " + kDir + good[i] + " ]===========");
+}
+
+// Faults around the tool: each run behaves as it would without the fault,
+// less only what the fault itself prevents, and loses nothing written.
+TEST(SmallUpdateFaults, FullLogDiskLosesOnlyWhatNoLongerFits)
+{
+    REQUIRE_SANDBOX();
+    auto sb = Machine({{"a_1-2668-s1_all.deb", ""}, {"b_1-2668-s2_all.deb", kFail}});
+    sb->MountTmpfs("/var/log", "size=4k");  // one page: the installer log's
+
+    const auto res = sb->Run(testutil::ToolCommand());
+
+    Journal expected;
+    expected.Installed("a_1-2668-s1_all.deb").FailedToInstall("b_1-2668-s2_all.deb").Verdict(false);
+    expected.updateLog = {};  // created, but its line found no room
+    ExpectRun(Observed(*sb, res), expected);
+    EXPECT_EQ(sb->ReadFile(kUpdateLog), "");
+    EXPECT_EQ(Unstamped(sb->ReadFile(kInstallerLog)),
+              (Lines{" ===========[-i /smallupd@te/a_1-2668-s1_all.deb ]===========",
+                     "<no stamp>stand-in dpkg: to standard output",
+                     "<no stamp>stand-in dpkg: to standard error",
+                     " ===========[-i /smallupd@te/b_1-2668-s2_all.deb ]===========",
+                     "<no stamp>stand-in dpkg: to standard output",
+                     "<no stamp>stand-in dpkg: to standard error",
+                     "Failed to install -i/smallupd@te/b_1-2668-s2_all.deb"}));
+}
+
+TEST(SmallUpdateFaults, ReadOnlyLogDirectorySendsDpkgOutputToTheCaller)
+{
+    REQUIRE_SANDBOX();
+    auto sb = Machine({{"a_1-2668-s1_all.deb", ""}, {"b_1-2668-s2_all.deb", kFail}});
+    sb->MountReadOnly("/var/log");
+
+    const auto res = sb->Run(testutil::ToolCommand());
+
+    Journal expected;
+    expected.Installed("a_1-2668-s1_all.deb").FailedToInstall("b_1-2668-s2_all.deb").Verdict(false);
+    expected.updateLog = {};
+    expected.strErr = "stand-in dpkg: to standard error\nstand-in dpkg: to standard error\n" +
+                      expected.strErr;
+    ExpectRun(Observed(*sb, res), expected);
+    EXPECT_EQ(res.out, "stand-in dpkg: to standard output\nstand-in dpkg: to standard output\n");
+}
+
+TEST(SmallUpdateFaults, TheAppliancesToolsCannotStopTheRun)
+{
+    REQUIRE_SANDBOX();
+    // The event-log tool is missing; the notification tool fails on one
+    // package and takes its time on another.
+    auto sb = Machine({{"a.deb", "standin vyradeknotify: exit 3\n"},
+                       {"b.deb", "standin vyradeknotify: sleep 1\n"},
+                       {"c_1-2668-s1_all.deb", ""}});
+    sb->Remove(kLogSet);
+
+    const auto res = sb->Run(testutil::ToolCommand());
+
+    Journal expected;
+    expected.BadName("a.deb").BadName("b.deb").Installed("c_1-2668-s1_all.deb").Verdict(false);
+    expected.calls.erase(std::remove_if(expected.calls.begin(), expected.calls.end(),
+                                        [](const Lines &argv) { return argv[0] == kLogSet; }),
+                         expected.calls.end());
+    ExpectRun(Observed(*sb, res), expected);
+    for (const auto &call : sb->StandinCalls())
+        EXPECT_EQ(call.pending, std::vector<int>{}) << "one child at a time: " << call.argv[0];
+}
+
+TEST(SmallUpdateFaults, VersionFileThatIsADirectoryRefusesEveryName)
+{
+    REQUIRE_SANDBOX();
+    auto sb = Machine({{"a_1-2668-s1_all.deb", ""}});
+    sb->Remove("/etc.defaults/VERSION");
+    sb->MakeDir("/etc.defaults/VERSION");
+
+    const auto res = sb->Run(testutil::ToolCommand());
+
+    Journal expected;
+    expected.syslog.push_back("debian_lib.cpp: Get buildnumber Fail\n");
+    ExpectRun(Observed(*sb, res), expected.BadName("a_1-2668-s1_all.deb").Verdict(false));
+}
+
+TEST(SmallUpdateFaults, UnreadableUpdateDirectoryIsLikeAnEmptyOne)
+{
+    REQUIRE_SANDBOX();
+    auto sb = Machine({{"a_1-2668-s1_all.deb", ""}});
+    sb->MakeDir("/smallupd@te", 0);
+    // As root the directory's mode would not matter: the run loses the
+    // capabilities that override it.
+    auto command = testutil::ToolCommand();
+    command.insert(command.begin(), {"/usr/bin/setpriv", "--bounding-set=-dac_override,-dac_read_search"});
+
+    const auto res = sb->Run(command);
+
+    ExpectRun(Observed(*sb, res), Journal());
+    EXPECT_FALSE(sb->Exists(kUpdateLog));
+}
+
+TEST(SmallUpdateFaults, LinksAndPipesAreCandidatesByName)
+{
+    REQUIRE_SANDBOX();
+    auto sb = Machine({});
+    sb->WriteFile("/elsewhere/real.deb", "");
+    sb->Symlink("/elsewhere/real.deb", kDir + "a_1-2668-s1_all.deb");
+    sb->Symlink("/nowhere.deb", kDir + "b_1-2668-s2_all.deb");
+    // The tool never opens a candidate, so a pipe cannot hold it up.
+    ASSERT_EQ(sb->Run({"/usr/bin/mkfifo", kDir + "c_1-2668-s3_all.deb"}).ExitCode(), 0);
+
+    const auto res = sb->Run(testutil::ToolCommand());
+
+    ExpectRun(Observed(*sb, res), Journal()
+                                      .Installed("a_1-2668-s1_all.deb")
+                                      .Installed("b_1-2668-s2_all.deb")
+                                      .Installed("c_1-2668-s3_all.deb")
+                                      .Verdict(true));
+}
+
+TEST(SmallUpdateUnderValgrind, RejectsFailsAndInstallsWithoutMemoryErrorsOrLeaks)
+{
+    REQUIRE_SANDBOX();
+    if (!VYRA_VALGRIND_APPLIES)
+        GTEST_SKIP() << "valgrind checks the host build only; the sanitizers check this one";
+    auto sb = Machine({{"a_1-2668-s1_all.deb", ""},
+                       {"b_1-2669-s1_all.deb", ""},
+                       {"c_1-2668-s2_all.deb", kFail},
+                       {"d.deb", ""}});
+    auto command = testutil::ToolCommand();
+    command.insert(command.begin(),
+                   {"/usr/bin/valgrind", "--error-exitcode=99", "--leak-check=full",
+                    "--errors-for-leak-kinds=definite,indirect", "--child-silent-after-fork=yes"});
+
+    const auto res = sb->Run(command);
+
+    EXPECT_EQ(res.ExitCode(), 255) << res.err;
+    EXPECT_NE(res.err.find("ERROR SUMMARY: 0 errors"), std::string::npos) << res.err;
+    EXPECT_EQ(sb->StandinCalls().size(), 8u) << "two rejections, two installs, one failure";
 }
 
 TEST(SmallUpdateWithRealDpkg, InstallsRealPackagesInOrderAndReportsABrokenOne)
