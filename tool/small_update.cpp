@@ -43,7 +43,7 @@ const PackageReport kInstallFailed = {"Failed to install [", "]\n", "0x11B01031"
 void ReportPackage(const PackageReport &report, const std::string &strDebPath)
 {
     const std::string strMsg = report.szBefore + strDebPath + report.szAfter;
-    fprintf(stderr, "%s", strMsg.c_str());
+    (void)fprintf(stderr, "%s", strMsg.c_str());
     syslog(LOG_ERR, "%s:%d %s", __FILE_NAME__, __LINE__, strMsg.c_str());
     VLIBCExec("/usr/vyra/bin/vyralogset1", "sys", "err", report.szEventCode, strDebPath.c_str());
     VLIBCExec("/usr/vyra/bin/vyradeknotify", "@administrators", report.szMessageKey,
@@ -51,8 +51,6 @@ void ReportPackage(const PackageReport &report, const std::string &strDebPath)
 }
 
 }  // namespace
-
-void Usage();
 
 void Usage()
 {
@@ -75,14 +73,14 @@ bool CheckDebian(const std::string &strDebPath)
 
     const auto idxDebName = strDebPath.rfind('/');
     if (idxDebName == std::string::npos) {
-        fprintf(stderr, "invalid debian url [%s]\n", strDebPath.c_str());
+        (void)fprintf(stderr, "invalid debian url [%s]\n", strDebPath.c_str());
         syslog(LOG_ERR, "%s:%d invalid debian url [%s]\n", __FILE_NAME__, __LINE__,
                strDebPath.c_str());
         return false;
     }
     const std::string strDebName = strDebPath.substr(idxDebName + 1);
     if (DebianLib::FindSmallFixNumfromDeb(strDebName) < 0) {
-        fprintf(stderr, "invalid debian name [%s]\n", strDebName.c_str());
+        (void)fprintf(stderr, "invalid debian name [%s]\n", strDebName.c_str());
         syslog(LOG_ERR, "%s:%d invalid debian name [%s]\n", __FILE_NAME__, __LINE__,
                strDebName.c_str());
         return false;
@@ -91,22 +89,16 @@ bool CheckDebian(const std::string &strDebPath)
     // The prefixes refuse, they do not require: every path handed over lies
     // in the scanned directory, so packages named smallupdate_ or
     // flashupdate_ there are never installed from here.
-    if (strDebPath.compare(0, strSmallDebPrefix.length(), strSmallDebPrefix) == 0)
-        ret = false;
-    else if (strDebPath.compare(0, strFlashDebPrefix.length(), strFlashDebPrefix) == 0)
-        ret = false;
-    else
-        ret = true;
+    ret = strDebPath.compare(0, strSmallDebPrefix.length(), strSmallDebPrefix) != 0 &&
+          strDebPath.compare(0, strFlashDebPrefix.length(), strFlashDebPrefix) != 0;
     return ret;
 }
 
 int main(int /* argc */, char * /* argv */[])
 {
     int ret = -1;
-    bool blHaveErr = false;
     glob_t globbuf;
     std::string strServices;
-    std::vector<std::string> installDebList;
 
     strServices = "/smallupd@te/";
     strServices += "*.deb";
@@ -116,6 +108,9 @@ int main(int /* argc */, char * /* argv */[])
     glob(strServices.c_str(), GLOB_ERR, nullptr, &globbuf);
 
     if (globbuf.gl_pathc > 0) {
+        bool blHaveErr = false;
+        std::vector<std::string> installDebList;
+
         // Every candidate is judged before anything is installed, so all
         // rejections are reported first and the list can be put in order.
         for (size_t idx = 0; idx < globbuf.gl_pathc; ++idx) {

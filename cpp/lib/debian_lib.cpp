@@ -92,7 +92,7 @@ void WriteUpdateLog(const std::string &strMsg, const std::string &strFileName)
     memset(szTime, 0, sizeof(szTime));
     // Without a local time the line still goes out, only without its stamp.
     if (tmNow != nullptr)
-        strftime(szTime, sizeof(szTime), "%Y/%m/%d %H:%M:%S\t", tmNow);
+        (void)strftime(szTime, sizeof(szTime), "%Y/%m/%d %H:%M:%S\t", tmNow);
 
     const std::string strUpdateMsg = szTime + strMsg;
     VLIBCErrLogSet(strFileName.c_str(), strUpdateMsg.c_str());

@@ -49,13 +49,13 @@ int32_t VLIBCErrLogSet(const char *szFile, const char *szLog)
      */
     if (WriteUnformatted(pfLog, szLog) < 0 || WriteUnformatted(pfLog, "\n") < 0) {
         VLIBC_ERR_RECORD(ERR_WRITE_FAILED);
-        fclose(pfLog);
+        (void)fclose(pfLog);
         return -1;
     }
 
-    fflush(pfLog);
-    fsync(fileno(pfLog));
-    fclose(pfLog);
+    (void)fflush(pfLog);
+    (void)fsync(fileno(pfLog));
+    (void)fclose(pfLog);
     return 0;
 }
 

@@ -95,7 +95,7 @@ int32_t VLIBCFileGetKeyValue(const char *szFile, const char *szKey, char *szValu
      */
     free(szCopy);
     free(szLine);
-    fclose(pfKey);
+    (void)fclose(pfKey);
 
     if (fFailed == TRUE)
         return -1;

@@ -22,10 +22,6 @@
  *                        as the intermediate child has ended well
  *   -1, ERR_OP_FAILURE   the program was killed by a signal, the fork or
  *                        the wait failed, or a detach failed
- *
- * Exit codes are what the program chose, so a caller must know the program
- * to read them; the only code this function gives a meaning of its own is
- * 255 for a program that could not be started.
  */
 #include <errno.h>
 #include <signal.h>
@@ -37,7 +33,6 @@
 #include "vlibc_err.h"
 
 static void RestoreNoChildWait(int flagsAtEntry);
-static char **BuildArgv(const char *szPath, const char *szArg, va_list apRest);
 [[noreturn]] static void ExecChild(const char *szPath, char **argv);
 
 int32_t VLIBCExecl(const char *szPath, int32_t flag, const char *szArg, ...)
@@ -55,25 +50,33 @@ int32_t VLIBCExecl(const char *szPath, int32_t flag, const char *szArg, ...)
 
     pid = VLIBCProcForkEx(flag);
     if (pid == 0) {
-        va_list apRest;
-        va_start(apRest, szArg);
-        char **argv = BuildArgv(szPath, szArg, apRest);
-        va_end(apRest);
+        va_list apArgs;
+        size_t argc = 2; /* szPath and the terminating NULL */
+        va_start(apArgs, szArg);
+        for (const char *szNext = szArg; szNext != nullptr; szNext = va_arg(apArgs, const char *))
+            ++argc;
+        va_end(apArgs);
+        char **argv = static_cast<char **>(calloc(argc, sizeof(char *)));
+        if (argv != nullptr) {
+            size_t idx = 0;
+            argv[idx++] = const_cast<char *>(szPath);
+            va_start(apArgs, szArg);
+            for (const char *szNext = szArg; szNext != nullptr; szNext = va_arg(apArgs, const char *))
+                argv[idx++] = const_cast<char *>(szNext);
+            va_end(apArgs);
+        }
         ExecChild(szPath, argv);
     }
 
     if (pid == -1) {
         ret = -1;
     } else {
-        /*
-         * With FORK_DETACH, pid is VLIBCProcForkEx's 1: the wait finds no
-         * such child, and the result is 0 without waiting for the program.
-         */
+        /* With FORK_DETACH, pid is VLIBCProcForkEx's 1: the wait finds no
+         * such child, and the result is 0 without waiting for the program. */
         while ((waitRet = waitpid(pid, &status, 0)) < 0 && errno == EINTR) {
         }
         if (waitRet < 0)
             ret = errno == ECHILD ? 0 : -1;
-        /* The low seven bits hold the signal that ended the child, if any. */
         else if ((status & 0x7f) != 0)
             ret = -1;
         else
@@ -82,10 +85,7 @@ int32_t VLIBCExecl(const char *szPath, int32_t flag, const char *szArg, ...)
 
     RestoreNoChildWait(flagsAtEntry);
 
-    /*
-     * One record for every way the run failed; it replaces the
-     * ERR_FORK_FAIL that a failed fork left.
-     */
+    /* One record for every failure; it replaces a failed fork's own. */
     if (ret == -1)
         VLIBC_ERR_RECORD(ERR_OP_FAILURE);
     return ret;
@@ -100,27 +100,6 @@ static void RestoreNoChildWait(int flagsAtEntry)
     sigaction(SIGCHLD, nullptr, &saNow);
     saNow.sa_flags |= SA_NOCLDWAIT;
     sigaction(SIGCHLD, &saNow, nullptr);
-}
-
-/* {szPath, szArg, ..., NULL}, or NULL when it cannot be allocated. */
-static char **BuildArgv(const char *szPath, const char *szArg, va_list apRest)
-{
-    va_list apCount;
-    size_t argc = 2; /* szPath and the terminating NULL */
-
-    va_copy(apCount, apRest);
-    for (const char *szNext = szArg; szNext != nullptr; szNext = va_arg(apCount, const char *))
-        ++argc;
-    va_end(apCount);
-
-    char **argv = static_cast<char **>(calloc(argc, sizeof(char *)));
-    if (argv == nullptr)
-        return nullptr;
-    argv[0] = const_cast<char *>(szPath);
-    size_t idx = 1;
-    for (const char *szNext = szArg; szNext != nullptr; szNext = va_arg(apRest, const char *))
-        argv[idx++] = const_cast<char *>(szNext);
-    return argv;
 }
 
 /*

@@ -44,11 +44,11 @@ static void KeepOnlyPath(void);
 pid_t VLIBCProcForkEx(int32_t flag)
 {
     pid_t pid = 0;
-    int fd = -1;
     int status = 0;
     pid_t waitRet = 0;
 
-    fflush(nullptr);
+    /* Nothing buffered may be written twice, by the child as well. */
+    (void)fflush(nullptr);
     pid = fork();
     if (pid < 0) {
         VLIBC_ERR_RECORD(ERR_FORK_FAIL);
@@ -74,7 +74,7 @@ pid_t VLIBCProcForkEx(int32_t flag)
 
     /* Without /dev/null the child keeps its descriptors rather than failing. */
     if (flag & FORK_NULL_STDIO) {
-        fd = open("/dev/null", O_RDWR, 0);
+        const int fd = open("/dev/null", O_RDWR, 0);
         if (fd >= 0) {
             dup2(fd, STDIN_FILENO);
             dup2(fd, STDOUT_FILENO);
