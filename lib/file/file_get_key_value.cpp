@@ -56,18 +56,18 @@ int32_t VLIBCFileGetKeyValue(const char *szFile, const char *szKey, char *szValu
         VLIBC_ERR_RECORD(ERR_OPEN_FAILED);
         return -1;
     }
+    char achStream[4096]; /* read for every name judged: no fstat, no allocation */
+    (void)setvbuf(pfKey, achStream, _IOFBF, sizeof(achStream));
 
     while (!feof(pfKey)) {
         if (getline(&szLine, &cbLine, pfKey) == -1)
             break;
-        /* The match test cuts the line it is given, so it gets a copy. */
         free(szCopy);
         szCopy = strdup(szLine);
-        if (VLIBCILineKeyMatch(szCopy, szKey) != 1)
+        if (VLIBCILineKeyMatch(szCopy, szKey) != 1) /* it cuts the copy */
             continue;
 
-        /* The key is the line's first token at "=", the raw value the next
-         * one up to the LF. */
+        /* The key is the first token at "=", the raw value the next to the LF. */
         char *pchCursor = szLine;
         VLIBCStrTokIndex(&pchCursor, "=");
         char *szRaw = VLIBCStrTokIndex(&pchCursor, "\n");
