@@ -374,9 +374,9 @@ void Sandbox::MountTmpfs(const std::string &strPath, const std::string &strOptio
     m_mounts.push_back({Mount::Kind::Tmpfs, strPath, strOptions});
 }
 
-void Sandbox::BindHostDir(const std::string &strHostPath)
+void Sandbox::BindHostDir(const std::string &strHostPath, const std::string &strPath)
 {
-    m_mounts.push_back({Mount::Kind::Bind, strHostPath, ""});
+    m_mounts.push_back({Mount::Kind::Bind, strPath.empty() ? strHostPath : strPath, strHostPath});
 }
 
 void Sandbox::InstallStandin(const std::string &strPath)
@@ -571,7 +571,7 @@ void Sandbox::SetUpInside(int fdCtl, int fdOut, int fdErr) const
             } catch (const std::exception &) {
                 fail("making " + strTarget);
             }
-            nRet = mount(mnt.strPath.c_str(), strTarget.c_str(), nullptr, MS_BIND | MS_REC, nullptr);
+            nRet = mount(mnt.strOptions.c_str(), strTarget.c_str(), nullptr, MS_BIND | MS_REC, nullptr);
             break;
         case Mount::Kind::ReadOnly:
             mkdir(strTarget.c_str(), 0755);

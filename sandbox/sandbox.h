@@ -82,9 +82,9 @@ public:
     // back like everything else.
     void MountReadOnly(const std::string &strPath);
     void MountTmpfs(const std::string &strPath, const std::string &strOptions);
-    // A host directory, seen at the same path inside (for example a build
-    // tree that is not on the root file system).
-    void BindHostDir(const std::string &strHostPath);
+    // A host directory, seen at strPath inside, or at the same path (for
+    // example a build tree that is not on the root file system).
+    void BindHostDir(const std::string &strHostPath, const std::string &strPath = "");
     // Places at strPath a stand-in program that records how it was started
     // (see StandinCalls), writes one line on each of its outputs and exits 0,
     // or as any file among its arguments asks with a line
