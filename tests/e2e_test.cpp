@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <functional>
 #include <map>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,13 +34,6 @@ std::unique_ptr<sandbox::Sandbox> Machine(const Packages &packages, bool blStand
     for (const auto &[strName, strContent] : packages)
         sb->WriteFile(kDir + strName, strContent);
     return sb;
-}
-
-Lines Unstamped(const std::optional<std::string> &text)
-{
-    Lines lines = testutil::SplitLines(text.value_or(""));
-    std::transform(lines.begin(), lines.end(), lines.begin(), testutil::Unstamped);
-    return lines;
 }
 
 // What one run did, on every channel, and what it should have done.
@@ -108,7 +100,7 @@ Journal Observed(const sandbox::Sandbox &sb, const sandbox::Result &res)
         run.calls.push_back(call.argv);
     run.strErr = res.err;
     run.syslog = testutil::LogTexts(res);
-    run.updateLog = Unstamped(sb.ReadFile(kUpdateLog));
+    run.updateLog = testutil::LogLines(sb, kUpdateLog);
     return run;
 }
 
@@ -259,7 +251,7 @@ TEST(SmallUpdate, HostileNamesAreJudgedLikeAnyOther)
         expected.Installed(strName);
     ExpectRun(Observed(*sb, res), expected.Verdict(false));
     Lines banners;
-    for (const std::string &strLine : Unstamped(sb->ReadFile(kInstallerLog))) {
+    for (const std::string &strLine : testutil::LogLines(*sb, kInstallerLog)) {
         if (strLine.rfind(" ===", 0) == 0)
             banners.push_back(strLine);
     }
@@ -283,7 +275,7 @@ TEST(SmallUpdateFaults, FullLogDiskLosesOnlyWhatNoLongerFits)
     expected.updateLog = {};  // created, but its line found no room
     ExpectRun(Observed(*sb, res), expected);
     EXPECT_EQ(sb->ReadFile(kUpdateLog), "");
-    EXPECT_EQ(Unstamped(sb->ReadFile(kInstallerLog)),
+    EXPECT_EQ(testutil::LogLines(*sb, kInstallerLog),
               (Lines{" ===========[-i /smallupd@te/a_1-2668-s1_all.deb ]===========",
                      "<no stamp>stand-in dpkg: to standard output",
                      "<no stamp>stand-in dpkg: to standard error",
@@ -430,7 +422,7 @@ TEST(SmallUpdateWithRealDpkg, InstallsRealPackagesInOrderAndReportsABrokenOne)
     }
     EXPECT_EQ(strStatus.find("Package: vyra-d\n"), std::string::npos);
     std::string strOrder;
-    for (const std::string &strLine : Unstamped(sb->ReadFile(kInstallerLog))) {
+    for (const std::string &strLine : testutil::LogLines(*sb, kInstallerLog)) {
         if (strLine.rfind(" ===========[-i /smallupd@te/vyra-", 0) == 0)
             strOrder += strLine[34];
     }

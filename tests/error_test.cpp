@@ -1,4 +1,3 @@
-#include <string.h>
 #include <unistd.h>
 
 #include <string>
@@ -40,86 +39,65 @@ TEST(ErrorState, SetExKeepsThePointerAndSetForgetsFileAndLine)
     EXPECT_EQ(VLIBCErrorGetLine(), 0);
 }
 
-struct AppendCase {
-    const char *szName;
-    const char *szBefore;  // nullptr: the file does not exist yet
-    const char *szLine;
-    const char *szAfter;
-};
-
-class ErrLogSetAppends : public testing::TestWithParam<AppendCase> {};
-
-TEST_P(ErrLogSetAppends, WritesOneRecordAfterTheLastByte)
+TEST(ErrLogSet, AppendsOneRecordAfterTheLastByte)
 {
-    const AppendCase &c = GetParam();
-    TempDir dir;
-    const std::string strFile = dir.Path("log");
-    if (c.szBefore != nullptr)
-        WriteFile(strFile, c.szBefore);
-    // A success must leave the record of an earlier failure alone.
-    static const char szEarlier[] = "earlier.c";
-    VLIBCErrSetEx(ERR_KEY_NOT_FOUND, szEarlier, 5);
-
-    EXPECT_EQ(VLIBCErrLogSet(strFile.c_str(), c.szLine), 0);
-    EXPECT_EQ(ReadFile(strFile), c.szAfter);
-    EXPECT_EQ(vyraerrno, ERR_KEY_NOT_FOUND);
-    EXPECT_EQ(VLIBCErrorGetFile(), szEarlier);
-    EXPECT_EQ(VLIBCErrorGetLine(), 5);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, ErrLogSetAppends,
-    testing::Values(
-        AppendCase{"Creates", nullptr, "first", "first\n"},
-        AppendCase{"AppendsWithoutTruncating", "one\ntwo", "three", "one\ntwothree\n"},
-        AppendCase{"EmptyLine", "x\n", "", "x\n\n"},
-        AppendCase{"DoublePercentIsOne", "", "100%% done", "100% done\n"},
+    const struct {
+        const char *szBefore;  // nullptr: the file does not exist yet
+        const char *szLine;
+        const char *szAfter;
+    } cases[] = {
+        {nullptr, "first", "first\n"},
+        {"one\ntwo", "three", "one\ntwothree\n"},
+        {"x\n", "", "x\n\n"},
+        {"", "100%% done", "100% done\n"},
+        {"", "50%", "50%\n"},
         // Conversions are never performed: nothing is read or written
         // through arguments that were never passed.
-        AppendCase{"ConversionsStayLiteral", "", "%n%s%d%x%p%%%", "%n%s%d%x%p%%\n"},
-        AppendCase{"HostilePath", "", " ===========[-i /smallupd@te/a%n%n%s_1-2668-s1_all.deb ]",
-                   " ===========[-i /smallupd@te/a%n%n%s_1-2668-s1_all.deb ]\n"},
-        AppendCase{"TrailingLonePercent", "", "50%", "50%\n"}),
-    [](const testing::TestParamInfo<AppendCase> &info) { return info.param.szName; });
+        {"", "%n%s%d%x%p%%%", "%n%s%d%x%p%%\n"},
+        {"", " ===========[-i /smallupd@te/a%n%n%s_1-2668-s1_all.deb ]",
+         " ===========[-i /smallupd@te/a%n%n%s_1-2668-s1_all.deb ]\n"},
+    };
+    for (const auto &c : cases) {
+        TempDir dir;
+        const std::string strFile = dir.Path("log");
+        if (c.szBefore != nullptr)
+            WriteFile(strFile, c.szBefore);
+        // A success must leave the record of an earlier failure alone.
+        static const char szEarlier[] = "earlier.c";
+        VLIBCErrSetEx(ERR_KEY_NOT_FOUND, szEarlier, 5);
 
-struct FailureCase {
-    const char *szName;
-    const char *szFile;  // relative to a temporary directory unless absolute
-    const char *szLine;
-    VYRAERR err;
-    int nLine;
-};
-
-class ErrLogSetFails : public testing::TestWithParam<FailureCase> {};
-
-TEST_P(ErrLogSetFails, RecordsCodeFileAndLine)
-{
-    const FailureCase &c = GetParam();
-    TempDir dir;
-    std::string strFile;
-    if (c.szFile != nullptr)
-        strFile = c.szFile[0] == '/' ? c.szFile : dir.Path(c.szFile);
-    const std::string strLong(1 << 20, 'x');
-    const char *szLine = c.szLine != nullptr && strcmp(c.szLine, "<long>") == 0 ? strLong.c_str()
-                                                                                : c.szLine;
-
-    EXPECT_EQ(VLIBCErrLogSet(c.szFile != nullptr ? strFile.c_str() : nullptr, szLine), -1);
-    EXPECT_EQ(vyraerrno, c.err);
-    EXPECT_STREQ(VLIBCErrorGetFile(), "error_log_set.cpp");
-    EXPECT_EQ(VLIBCErrorGetLine(), c.nLine);
-    if (c.szFile != nullptr && c.szFile[0] != '/') {
-        EXPECT_NE(access(strFile.c_str(), F_OK), 0) << "nothing may be created";
+        EXPECT_EQ(VLIBCErrLogSet(strFile.c_str(), c.szLine), 0) << c.szLine;
+        EXPECT_EQ(ReadFile(strFile), c.szAfter);
+        EXPECT_EQ(vyraerrno, ERR_KEY_NOT_FOUND);
+        EXPECT_EQ(VLIBCErrorGetFile(), szEarlier);
+        EXPECT_EQ(VLIBCErrorGetLine(), 5);
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, ErrLogSetFails,
-    testing::Values(FailureCase{"NullFile", nullptr, "x", ERR_BAD_PARAMETERS, 32},
-                    FailureCase{"NullLine", "log", nullptr, ERR_BAD_PARAMETERS, 32},
-                    FailureCase{"MissingDirectory", "no/such/log", "x", ERR_OPEN_FAILED, 37},
-                    // More than a stream buffer, so the device's refusal is
-                    // seen while writing, not only when flushing.
-                    FailureCase{"DeviceFull", "/dev/full", "<long>", ERR_WRITE_FAILED, 51}),
-    [](const testing::TestParamInfo<FailureCase> &info) { return info.param.szName; });
+TEST(ErrLogSet, RecordsCodeFileAndLineOfAFailure)
+{
+    TempDir dir;
+    const std::string strMissing = dir.Path("no/such/log");
+    const std::string strNew = dir.Path("log");
+    // More than a stream buffer, so the device's refusal is seen while
+    // writing, not only when flushing.
+    const std::string strLong(1 << 20, 'x');
+    const struct {
+        const char *szFile;
+        const char *szLine;
+        VYRAERR err;
+        int nLine;
+    } cases[] = {{nullptr, "x", ERR_BAD_PARAMETERS, 32},
+                 {strNew.c_str(), nullptr, ERR_BAD_PARAMETERS, 32},
+                 {strMissing.c_str(), "x", ERR_OPEN_FAILED, 37},
+                 {"/dev/full", strLong.c_str(), ERR_WRITE_FAILED, 51}};
+    for (const auto &c : cases) {
+        EXPECT_EQ(VLIBCErrLogSet(c.szFile, c.szLine), -1) << c.nLine;
+        EXPECT_EQ(vyraerrno, c.err);
+        EXPECT_STREQ(VLIBCErrorGetFile(), "error_log_set.cpp");
+        EXPECT_EQ(VLIBCErrorGetLine(), c.nLine);
+    }
+    EXPECT_NE(access(strNew.c_str(), F_OK), 0) << "nothing is created for a bad call";
+}
 
 }  // namespace

@@ -22,13 +22,6 @@ const char kBoth[] = "stand-in dpkg: to standard output\nstand-in dpkg: to stand
 
 enum Setup { kPlain = 0, kNoDpkg = 1, kReadOnlyLog = 2, kIgnoreSigchld = 4 };
 
-Lines InstallerLog(const sandbox::Sandbox &sb)
-{
-    Lines lines = testutil::SplitLines(sb.ReadFile(kInstallerLog).value_or(""));
-    std::transform(lines.begin(), lines.end(), lines.begin(), testutil::Unstamped);
-    return lines;
-}
-
 struct RunCase {
     const char *szName;
     int nSetup;
@@ -40,75 +33,71 @@ struct RunCase {
     Lines syslog;              // see testutil::LogTexts
 };
 
-class ExecDpkgRuns : public testing::TestWithParam<RunCase> {};
-
-TEST_P(ExecDpkgRuns, AsTheCallerAndTheLogsSeeIt)
+TEST(ExecDpkg, RunsDpkgAsTheCallerAndTheLogsSeeIt)
 {
     REQUIRE_SANDBOX();
-    const RunCase &c = GetParam();
-    auto sb = testutil::MakeSandbox();
-    if (c.nSetup & kNoDpkg)
-        sb->Remove("/usr/bin/dpkg");
-    else
-        sb->InstallStandin("/usr/bin/dpkg");
-    if (c.nSetup & kReadOnlyLog)
-        sb->MountReadOnly("/var/log");
-    sb->WriteFile("/x/a.deb", std::string("standin dpkg: ") + c.szHow + "\n");
+    const RunCase cases[] = {
+        {"exit 0", kPlain, "exit 0", "", true, {kBanner, kOut, kErr}, "", {}},
+        {"exit 1", kPlain, "exit 1", "", false, {kBanner, kOut, kErr, kFailure}, "", {}},
+        {"exit 2", kPlain, "exit 2", "", false, {kBanner, kOut, kErr, kFailure}, "", {}},
+        {"killed counts as installed", kPlain, "kill KILL", "", true, {kBanner, kOut, kErr}, "", {}},
+        {"no dpkg", kNoDpkg, "", "", false, {kBanner, kFailure}, "", {}},
+        {"read-only log, success", kReadOnlyLog, "exit 0", "", true, {}, kBoth, {}},
+        {"read-only log, failure", kReadOnlyLog, "exit 3", "", false, {}, kBoth, {}},
+        {"three arguments",
+         kPlain,
+         "exit 1",
+         "/dest",
+         false,
+         {" ===========[-i /x/a.deb /dest]===========", kOut, kErr,
+          "Failed to install -i/x/a.deb/dest"},
+         "",
+         {}},
+        {"failed wait", kIgnoreSigchld, "exit 0", "", false, {kBanner, kOut, kErr}, "",
+         {"debian_lib.cpp: Fail to exec [dpkg -i /x/a.deb] error=[No child processes]"}},
+    };
+    for (const RunCase &c : cases) {
+        SCOPED_TRACE(c.szName);
+        auto sb = testutil::MakeSandbox();
+        if (c.nSetup & kNoDpkg)
+            sb->Remove("/usr/bin/dpkg");
+        else
+            sb->InstallStandin("/usr/bin/dpkg");
+        if (c.nSetup & kReadOnlyLog)
+            sb->MountReadOnly("/var/log");
+        sb->WriteFile("/x/a.deb", std::string("standin dpkg: ") + c.szHow + "\n");
 
-    const auto res = sb->Call([&c] {
-        if (c.nSetup & kIgnoreSigchld)
-            signal(SIGCHLD, SIG_IGN);  // the kernel reaps dpkg, so the wait fails
-        setenv("VYRA_CALLER", "kept", 1);
-        if (chdir("/x") != 0)
-            return 2;
-        return DebianLib::ExecDpkg("-i", "/x/a.deb", c.szFolder) ? 0 : 1;
-    });
+        const auto res = sb->Call([&c] {
+            if (c.nSetup & kIgnoreSigchld)
+                signal(SIGCHLD, SIG_IGN);  // the kernel reaps dpkg, so the wait fails
+            setenv("VYRA_CALLER", "kept", 1);
+            if (chdir("/x") != 0)
+                return 2;
+            return DebianLib::ExecDpkg("-i", "/x/a.deb", c.szFolder) ? 0 : 1;
+        });
 
-    ASSERT_TRUE(res.Exited()) << res.err;
-    EXPECT_EQ(res.ExitCode() == 0, c.blInstalled);
-    EXPECT_EQ(InstallerLog(*sb), c.log);
-    EXPECT_EQ(res.out + res.err, c.szCallerSees);
-    EXPECT_EQ(testutil::LogTexts(res), c.syslog);
-    const auto calls = sb->StandinCalls();
-    ASSERT_EQ(calls.size(), c.nSetup & kNoDpkg ? 0u : 1u);
-    if (calls.empty())
-        return;
-    Lines argv = {"/usr/bin/dpkg", "-i", "/x/a.deb"};
-    if (*c.szFolder != '\0')
-        argv.push_back(c.szFolder);
-    EXPECT_EQ(calls[0].argv, argv);
-    EXPECT_EQ(calls[0].cwd, "/x");
-    EXPECT_NE(std::find(calls[0].env.begin(), calls[0].env.end(), "VYRA_CALLER=kept"),
-              calls[0].env.end());
-    if (!(c.nSetup & kReadOnlyLog)) {
-        EXPECT_EQ(calls[0].fds.at(1), kInstallerLog);
-        EXPECT_EQ(calls[0].fds.at(2), kInstallerLog);
+        ASSERT_TRUE(res.Exited()) << res.err;
+        EXPECT_EQ(res.ExitCode() == 0, c.blInstalled);
+        EXPECT_EQ(testutil::LogLines(*sb, kInstallerLog), c.log);
+        EXPECT_EQ(res.out + res.err, c.szCallerSees);
+        EXPECT_EQ(testutil::LogTexts(res), c.syslog);
+        const auto calls = sb->StandinCalls();
+        ASSERT_EQ(calls.size(), c.nSetup & kNoDpkg ? 0u : 1u);
+        if (calls.empty())
+            continue;
+        Lines argv = {"/usr/bin/dpkg", "-i", "/x/a.deb"};
+        if (*c.szFolder != '\0')
+            argv.push_back(c.szFolder);
+        EXPECT_EQ(calls[0].argv, argv);
+        EXPECT_EQ(calls[0].cwd, "/x");
+        EXPECT_NE(std::find(calls[0].env.begin(), calls[0].env.end(), "VYRA_CALLER=kept"),
+                  calls[0].env.end());
+        if (!(c.nSetup & kReadOnlyLog)) {
+            EXPECT_EQ(calls[0].fds.at(1), kInstallerLog);
+            EXPECT_EQ(calls[0].fds.at(2), kInstallerLog);
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, ExecDpkgRuns,
-    testing::Values(
-        RunCase{"ExitZero", kPlain, "exit 0", "", true, {kBanner, kOut, kErr}, "", {}},
-        RunCase{"ExitOne", kPlain, "exit 1", "", false, {kBanner, kOut, kErr, kFailure}, "", {}},
-        RunCase{"ExitTwo", kPlain, "exit 2", "", false, {kBanner, kOut, kErr, kFailure}, "", {}},
-        RunCase{"KilledCountsAsInstalled", kPlain, "kill KILL", "", true, {kBanner, kOut, kErr}, "",
-                {}},
-        RunCase{"NoDpkg", kNoDpkg, "", "", false, {kBanner, kFailure}, "", {}},
-        RunCase{"ReadOnlyLogSucceeds", kReadOnlyLog, "exit 0", "", true, {}, kBoth, {}},
-        RunCase{"ReadOnlyLogFails", kReadOnlyLog, "exit 3", "", false, {}, kBoth, {}},
-        RunCase{"ThreeArguments",
-                kPlain,
-                "exit 1",
-                "/dest",
-                false,
-                {" ===========[-i /x/a.deb /dest]===========", kOut, kErr,
-                 "Failed to install -i/x/a.deb/dest"},
-                "",
-                {}},
-        RunCase{"FailedWait", kIgnoreSigchld, "exit 0", "", false, {kBanner, kOut, kErr}, "",
-                {"debian_lib.cpp: Fail to exec [dpkg -i /x/a.deb] error=[No child processes]"}}),
-    [](const testing::TestParamInfo<RunCase> &info) { return info.param.szName; });
 
 TEST(ExecDpkgWithRealDpkg, InstallsAPackageAndReportsABrokenOne)
 {
@@ -128,7 +117,7 @@ TEST(ExecDpkgWithRealDpkg, InstallsAPackageAndReportsABrokenOne)
                   .value_or("")
                   .find("Package: vyra-hello\nStatus: install ok installed\n"),
               std::string::npos);
-    const Lines log = InstallerLog(*sb);
+    const Lines log = testutil::LogLines(*sb, kInstallerLog);
     const auto at = [&log](const std::string &strLine) {
         return std::find(log.begin(), log.end(), strLine) - log.begin();
     };

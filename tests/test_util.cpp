@@ -60,16 +60,20 @@ std::vector<std::string> SplitLines(const std::string &strText)
     return lines;
 }
 
-std::string Unstamped(const std::string &strLine)
+std::vector<std::string> LogLines(const sandbox::Sandbox &sb, const std::string &strPath)
 {
     // "YYYY/MM/DD hh:mm:ss\t"
     static const char kShape[] = "9999/99/99 99:99:99\t";
     const size_t cb = sizeof(kShape) - 1;
-    bool blStamped = strLine.size() >= cb;
-    for (size_t i = 0; blStamped && i < cb; ++i)
-        blStamped = kShape[i] == '9' ? isdigit(static_cast<unsigned char>(strLine[i])) != 0
-                                     : strLine[i] == kShape[i];
-    return blStamped ? strLine.substr(cb) : "<no stamp>" + strLine;
+    std::vector<std::string> lines = SplitLines(sb.ReadFile(strPath).value_or(""));
+    for (std::string &strLine : lines) {
+        bool blStamped = strLine.size() >= cb;
+        for (size_t i = 0; blStamped && i < cb; ++i)
+            blStamped = kShape[i] == '9' ? isdigit(static_cast<unsigned char>(strLine[i])) != 0
+                                         : strLine[i] == kShape[i];
+        strLine = blStamped ? strLine.substr(cb) : "<no stamp>" + strLine;
+    }
+    return lines;
 }
 
 std::vector<std::string> LogTexts(const sandbox::Result &res)

@@ -31,9 +31,9 @@ std::string ReadFile(const std::string &strPath);
 void WriteFile(const std::string &strPath, const std::string &strContent);
 std::vector<std::string> SplitLines(const std::string &strText);
 
-// A line written through the time-stamped log writer, without its stamp;
-// "<no stamp>" followed by the line when it does not start with one.
-std::string Unstamped(const std::string &strLine);
+// The lines of a log the sandbox wrote, each without the time stamp of the
+// log writer; "<no stamp>" in front of a line that has none.
+std::vector<std::string> LogLines(const sandbox::Sandbox &sb, const std::string &strPath);
 // The system-log texts of a run, each as "<source file>: <text>" with the
 // line number dropped; "<priority N> " in front of one that was not sent at
 // LOG_ERR with the default facility.
