@@ -454,23 +454,6 @@ bool Sandbox::Exists(const std::string &strPath) const
     return lstat(HostPath(strPath).c_str(), &st) == 0 && !IsWhiteout(st);
 }
 
-std::vector<std::string> Sandbox::List(const std::string &strPath) const
-{
-    std::vector<std::string> names;
-    const std::string strHost = HostPath(strPath);
-    DIR *pDir = opendir(strHost.c_str());
-    if (pDir == nullptr)
-        return names;
-    while (const struct dirent *pEntry = readdir(pDir)) {
-        const std::string strName = pEntry->d_name;
-        if (strName != "." && strName != ".." && Exists(strPath + "/" + strName))
-            names.push_back(strName);
-    }
-    closedir(pDir);
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 std::vector<std::string> Sandbox::DefaultEnv()
 {
     std::vector<std::string> env = {"PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"};

@@ -112,8 +112,6 @@ public:
     // A file as the sandbox left it, if it wrote or was given one there.
     std::optional<std::string> ReadFile(const std::string &strPath) const;
     bool Exists(const std::string &strPath) const;
-    // Names in a directory that the sandbox made or changed, sorted.
-    std::vector<std::string> List(const std::string &strPath) const;
     // Builds with dpkg-deb, inside, a package strPackage of version 1.0 that
     // installs /usr/share/<strPackage>/hello holding "<strPackage>\n", as the
     // file strDebPath. False when dpkg-deb fails.
@@ -121,9 +119,6 @@ public:
 
     // Every start of a stand-in, in order, over all runs so far.
     std::vector<StandinCall> StandinCalls() const;
-    // Where a path inside lives in the upper layer on the host.
-    std::string HostPath(const std::string &strPath) const;
-
     static std::vector<std::string> DefaultEnv();
 
 private:
@@ -133,6 +128,9 @@ private:
         std::string strOptions;
     };
 
+    // Where a path inside lives on the host: the upper layer, or the copy
+    // of a tmpfs.
+    std::string HostPath(const std::string &strPath) const;
     Result Launch(const std::function<void()> &body);
     void SetUpInside(int fdCtl, int fdOut, int fdErr) const;
     void CopyOutTmpfs() const;
