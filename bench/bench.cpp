@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <map>
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -64,47 +63,30 @@ Sample Median(std::vector<Sample> samples)
 // disk, where syncing them costs what it costs on a disk.
 class Machine {
 public:
-    Machine() : m_sb(std::make_unique<sandbox::Sandbox>())
+    Machine()
     {
-        char szDir[] = "/tmp/vyra-bench-etc.XXXXXX";
-        if (mkdtemp(szDir) == nullptr) {
-            perror("bench: mkdtemp");
-            exit(1);
-        }
-        m_strEtc = szDir;
-        FILE *pf = fopen((m_strEtc + "/VERSION").c_str(), "w");
+        FILE *pf = fopen(m_etc.Path("VERSION").c_str(), "w");
         if (pf == nullptr || fputs("buildnumber=\"2668\"\n", pf) < 0 || fclose(pf) != 0) {
             perror("bench: VERSION");
             exit(1);
         }
-        m_sb->BindHostDir(VYRA_BUILD_DIR);
-        m_sb->BindHostDir(m_strEtc, "/etc.defaults");
-        Prepare(*m_sb);
+        m_sb.BindHostDir(VYRA_BUILD_DIR);
+        m_sb.BindHostDir(m_etc.Path(), "/etc.defaults");
+        m_sb.EmptyDir("/var/log");
+        m_sb.EmptyDir("/smallupd@te");
+        m_sb.CopyIn(VYRA_BENCH_MEASURE, "/bench/measure", 0755);
+        m_sb.CopyIn(VYRA_BENCH_FLOOR, "/bench/floor", 0755);
+        m_sb.CopyIn(VYRA_BENCH_SCRIPT, "/bench/small_update.sh", 0755);
+        for (const char *szTool : {"/usr/vyra/bin/vyralogset1", "/usr/vyra/bin/vyradeknotify"})
+            m_sb.InstallStandin(szTool);
     }
-    ~Machine()
-    {
-        unlink((m_strEtc + "/VERSION").c_str());
-        rmdir(m_strEtc.c_str());
-    }
-    sandbox::Sandbox *operator->() { return m_sb.get(); }
-    sandbox::Sandbox &operator*() { return *m_sb; }
+    sandbox::Sandbox *operator->() { return &m_sb; }
+    sandbox::Sandbox &operator*() { return m_sb; }
 
 private:
-    static void Prepare(sandbox::Sandbox &sb);
-    std::unique_ptr<sandbox::Sandbox> m_sb;
-    std::string m_strEtc;
+    sandbox::TempDir m_etc{"vyra-bench-etc"};
+    sandbox::Sandbox m_sb;
 };
-
-void Machine::Prepare(sandbox::Sandbox &sb)
-{
-    sb.EmptyDir("/var/log");
-    sb.EmptyDir("/smallupd@te");
-    sb.CopyIn(VYRA_BENCH_MEASURE, "/bench/measure", 0755);
-    sb.CopyIn(VYRA_BENCH_FLOOR, "/bench/floor", 0755);
-    sb.CopyIn(VYRA_BENCH_SCRIPT, "/bench/small_update.sh", 0755);
-    for (const char *szTool : {"/usr/vyra/bin/vyralogset1", "/usr/vyra/bin/vyradeknotify"})
-        sb.InstallStandin(szTool);
-}
 
 long StrippedSize(const std::string &strStrip, const std::string &strBinary)
 {

@@ -260,23 +260,27 @@ bool Sandbox::Available(std::string *pstrWhy)
     return nAvailable == 1;
 }
 
-Sandbox::Sandbox()
+TempDir::TempDir(const std::string &strPrefix)
 {
     const char *szTmp = getenv("TMPDIR");
-    std::string strTemplate = std::string(szTmp != nullptr && *szTmp ? szTmp : "/tmp") +
-                              "/vyra-sandbox.XXXXXX";
-    if (strTemplate.find_first_of(",:") != std::string::npos)
-        Throw("the temporary directory's path holds ',' or ':', which an overlay mount refuses");
+    std::string strTemplate =
+        std::string(szTmp != nullptr && *szTmp ? szTmp : "/tmp") + "/" + strPrefix + ".XXXXXX";
     if (mkdtemp(&strTemplate[0]) == nullptr)
         Throw(WithErrno("mkdtemp " + strTemplate));
-    m_strTop = strTemplate;
-    for (const char *szDir : {"/upper", "/work", "/root"})
-        MakeDirs(m_strTop + szDir, 0755);
+    m_strPath = strTemplate;
 }
 
-Sandbox::~Sandbox()
+TempDir::~TempDir()
 {
-    nftw(m_strTop.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS | FTW_MOUNT);
+    nftw(m_strPath.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS | FTW_MOUNT);
+}
+
+Sandbox::Sandbox()
+{
+    if (m_top.Path().find_first_of(",:") != std::string::npos)
+        Throw("the temporary directory's path holds ',' or ':', which an overlay mount refuses");
+    for (const char *szDir : {"/upper", "/work", "/root"})
+        MakeDirs(m_top.Path() + szDir, 0755);
 }
 
 std::string Sandbox::HostPath(const std::string &strPath) const
@@ -286,9 +290,9 @@ std::string Sandbox::HostPath(const std::string &strPath) const
     for (auto it = m_mounts.rbegin(); it != m_mounts.rend(); ++it) {
         if (it->kind == Mount::Kind::Tmpfs &&
             (strPath == it->strPath || strPath.rfind(it->strPath + "/", 0) == 0))
-            return m_strTop + "/mounts" + strPath;
+            return m_top.Path() + "/mounts" + strPath;
     }
-    return m_strTop + "/upper" + strPath;
+    return m_top.Path() + "/upper" + strPath;
 }
 
 void Sandbox::SetWorkingDirectory(const std::string &strPath)
@@ -504,14 +508,14 @@ void Sandbox::SetUpInside(int fdCtl, int fdOut, int fdErr) const
         WriteAll(fdCtl, "setup " + WithErrno(strWhat));
         _exit(127);
     };
-    const std::string strRoot = m_strTop + "/root";
+    const std::string strRoot = m_top.Path() + "/root";
     const std::string strDev = strRoot + "/dev";
 
     if (unshare(CLONE_NEWNS) != 0)
         fail("unshare(CLONE_NEWNS)");
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         fail("making the mounts private");
-    const std::string strLayers = "lowerdir=/,upperdir=" + m_strTop + "/upper,workdir=" + m_strTop +
+    const std::string strLayers = "lowerdir=/,upperdir=" + m_top.Path() + "/upper,workdir=" + m_top.Path() +
                                   "/work";
     if (mount("overlay", strRoot.c_str(), "overlay", 0, strLayers.c_str()) != 0)
         fail("overlay mount over /");
@@ -540,7 +544,7 @@ void Sandbox::SetUpInside(int fdCtl, int fdOut, int fdErr) const
     if (fdLog < 0)
         fail("creating /dev/log");
     close(fdLog);
-    if (mount((m_strTop + "/log.sock").c_str(), (strDev + "/log").c_str(), nullptr, MS_BIND,
+    if (mount((m_top.Path() + "/log.sock").c_str(), (strDev + "/log").c_str(), nullptr, MS_BIND,
               nullptr) != 0)
         fail("binding the log socket over /dev/log");
 
@@ -594,13 +598,13 @@ void Sandbox::CopyOutTmpfs() const
     for (const Mount &mnt : m_mounts) {
         if (mnt.kind != Mount::Kind::Tmpfs)
             continue;
-        const std::string strTo = m_strTop + "/mounts" + mnt.strPath;
+        const std::string strTo = m_top.Path() + "/mounts" + mnt.strPath;
         try {
             MakeDirs(Parent(strTo), 0755);
         } catch (const std::exception &) {
             continue;
         }
-        CopyTree(m_strTop + "/root" + mnt.strPath, strTo);
+        CopyTree(m_top.Path() + "/root" + mnt.strPath, strTo);
     }
 }
 
@@ -610,7 +614,7 @@ Result Sandbox::Launch(const std::function<void()> &body)
     Pipe out;
     Pipe err;
     Pipe ctl;
-    const std::string strSocket = m_strTop + "/log.sock";
+    const std::string strSocket = m_top.Path() + "/log.sock";
 
     unlink(strSocket.c_str());
     const int fdLog = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -644,7 +648,7 @@ Result Sandbox::Launch(const std::function<void()> &body)
         ctl.CloseRead();
         SetUpInside(ctl.fdWrite, out.fdWrite, err.fdWrite);
         // The worker: enter the root and hand over to the body.
-        if (chroot((m_strTop + "/root").c_str()) != 0 ||
+        if (chroot((m_top.Path() + "/root").c_str()) != 0 ||
             chdir(m_strWorkingDirectory.c_str()) != 0) {
             WriteAll(ctl.fdWrite, WithErrno("setup entering " + m_strWorkingDirectory));
             _exit(127);

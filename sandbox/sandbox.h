@@ -22,6 +22,22 @@
 
 namespace sandbox {
 
+// A new directory under $TMPDIR (or /tmp), removed with everything in it
+// when the object goes, never crossing into a mount. Throws
+// std::runtime_error when it cannot be made.
+class TempDir {
+public:
+    explicit TempDir(const std::string &strPrefix = "vyra");
+    ~TempDir();
+    TempDir(const TempDir &) = delete;
+    TempDir &operator=(const TempDir &) = delete;
+    const std::string &Path() const { return m_strPath; }
+    std::string Path(const std::string &strName) const { return m_strPath + "/" + strName; }
+
+private:
+    std::string m_strPath;
+};
+
 // One datagram that arrived on the sandbox's /dev/log.
 struct LogMessage {
     int priority = -1;  // the number between "<" and ">": facility | severity
@@ -61,8 +77,8 @@ public:
     static bool Available(std::string *pstrWhy = nullptr);
 
     // Makes the temporary layers; throws std::runtime_error when it cannot.
+    // They are removed with the object.
     Sandbox();
-    ~Sandbox();
     Sandbox(const Sandbox &) = delete;
     Sandbox &operator=(const Sandbox &) = delete;
 
@@ -135,7 +151,7 @@ private:
     void SetUpInside(int fdCtl, int fdOut, int fdErr) const;
     void CopyOutTmpfs() const;
 
-    std::string m_strTop;
+    TempDir m_top{"vyra-sandbox"};
     std::vector<Mount> m_mounts;
     std::string m_strWorkingDirectory = "/";
     bool m_blPassThrough = false;

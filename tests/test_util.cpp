@@ -1,42 +1,14 @@
 #include "test_util.h"
 
 #include <ctype.h>
-#include <fcntl.h>
-#include <ftw.h>
 #include <stdlib.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <sstream>
-#include <stdexcept>
 
 namespace testutil {
-
-namespace {
-
-int RemoveEntry(const char *szPath, const struct stat *, int, struct FTW *)
-{
-    remove(szPath);
-    return 0;
-}
-
-}  // namespace
-
-TempDir::TempDir()
-{
-    const char *szTmp = getenv("TMPDIR");
-    std::string strTemplate = std::string(szTmp != nullptr && *szTmp ? szTmp : "/tmp") +
-                              "/vyra-test.XXXXXX";
-    if (mkdtemp(&strTemplate[0]) == nullptr)
-        throw std::runtime_error("mkdtemp failed");
-    m_strPath = strTemplate;
-}
-
-TempDir::~TempDir()
-{
-    nftw(m_strPath.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
-}
 
 std::string ReadFile(const std::string &strPath)
 {

@@ -1,5 +1,5 @@
-// Helpers shared by the tests: temporary directories, whole-file I/O, log
-// lines, and the sandbox prepared the way the tool expects its machine.
+// Helpers shared by the tests: whole-file I/O, log lines, and the sandbox
+// prepared the way the tool expects its machine.
 #ifndef VYRA_TEST_UTIL_H
 #define VYRA_TEST_UTIL_H
 
@@ -13,19 +13,7 @@
 
 namespace testutil {
 
-// A directory removed with everything in it when the object goes.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-    const std::string &Path() const { return m_strPath; }
-    std::string Path(const std::string &strName) const { return m_strPath + "/" + strName; }
-
-private:
-    std::string m_strPath;
-};
+using sandbox::TempDir;
 
 std::string ReadFile(const std::string &strPath);
 void WriteFile(const std::string &strPath, const std::string &strContent);
