@@ -75,6 +75,15 @@ struct Journal {
         updateLog = {blSuccess ? "Finished critical update!!!" : "Failed to update critical update"};
         return *this;
     }
+    // For runs where a program is missing or is not a stand-in, so it
+    // leaves no record.
+    Journal &Without(const char *szProgram)
+    {
+        calls.erase(std::remove_if(calls.begin(), calls.end(),
+                                   [szProgram](const Lines &argv) { return argv[0] == szProgram; }),
+                    calls.end());
+        return *this;
+    }
 
 private:
     Journal &Call(const Lines &argv)
@@ -316,10 +325,7 @@ TEST(SmallUpdateFaults, TheAppliancesToolsCannotStopTheRun)
 
     Journal expected;
     expected.BadName("a.deb").BadName("b.deb").Installed("c_1-2668-s1_all.deb").Verdict(false);
-    expected.calls.erase(std::remove_if(expected.calls.begin(), expected.calls.end(),
-                                        [](const Lines &argv) { return argv[0] == kLogSet; }),
-                         expected.calls.end());
-    ExpectRun(Observed(*sb, res), expected);
+    ExpectRun(Observed(*sb, res), expected.Without(kLogSet));
     for (const auto &call : sb->StandinCalls())
         EXPECT_EQ(call.pending, std::vector<int>{}) << "one child at a time: " << call.argv[0];
 }
@@ -405,12 +411,8 @@ TEST(SmallUpdateWithRealDpkg, InstallsRealPackagesInOrderAndReportsABrokenOne)
     const auto res = sb->Run(testutil::ToolCommand());
 
     Journal expected;
-    expected.calls = {{kLogSet, "sys", "err", "0x11B01031", kDir + "vyra-d_1.0-2668-s4_all.deb"},
-                      {kNotify, "@administrators", "update:small_update_install_failed",
-                       kDir + "vyra-d_1.0-2668-s4_all.deb"}};
-    expected.strErr = "Failed to install [" + kDir + "vyra-d_1.0-2668-s4_all.deb]\n";
-    expected.syslog = {"small_update.cpp: " + expected.strErr};
-    ExpectRun(Observed(*sb, res), expected.Verdict(false));
+    expected.FailedToInstall("vyra-d_1.0-2668-s4_all.deb").Verdict(false);
+    ExpectRun(Observed(*sb, res), expected.Without(kDpkg));
     const std::string strStatus = sb->ReadFile("/var/lib/dpkg/status").value_or("");
     for (const char *szPackage : {"vyra-a", "vyra-b", "vyra-c"}) {
         EXPECT_NE(strStatus.find(std::string("Package: ") + szPackage +
