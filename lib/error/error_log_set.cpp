@@ -29,12 +29,12 @@ int32_t VLIBCErrLogSet(const char *szFile, const char *szLog)
      * no trace in the file system.
      */
     if (szFile == nullptr || szLog == nullptr) {
-        VLIBC_ERR_RECORD(ERR_BAD_PARAMETERS);
+        VLIBC_ERR_RECORD(ERR_BAD_PARAMETERS, 32);
         return -1;
     }
 
     if ((pfLog = fopen(szFile, "a+")) == nullptr) {
-        VLIBC_ERR_RECORD(ERR_OPEN_FAILED);
+        VLIBC_ERR_RECORD(ERR_OPEN_FAILED, 37);
         return -1;
     }
 
@@ -48,7 +48,7 @@ int32_t VLIBCErrLogSet(const char *szFile, const char *szLog)
      * is therefore written as it stands.
      */
     if (WriteUnformatted(pfLog, szLog) < 0 || WriteUnformatted(pfLog, "\n") < 0) {
-        VLIBC_ERR_RECORD(ERR_WRITE_FAILED);
+        VLIBC_ERR_RECORD(ERR_WRITE_FAILED, 51);
         (void)fclose(pfLog);
         return -1;
     }

@@ -49,11 +49,11 @@ int32_t VLIBCFileGetKeyValue(const char *szFile, const char *szKey, char *szValu
 
     if (szFile == nullptr || szKey == nullptr || flag < 0 ||
         (szValue == nullptr && sizeMax != 0)) {
-        VLIBC_ERR_RECORD(ERR_BAD_PARAMETERS);
+        VLIBC_ERR_RECORD(ERR_BAD_PARAMETERS, 52);
         return -1;
     }
     if ((pfKey = fopen(szFile, "r")) == nullptr) {
-        VLIBC_ERR_RECORD(ERR_OPEN_FAILED);
+        VLIBC_ERR_RECORD(ERR_OPEN_FAILED, 56);
         return -1;
     }
     char achStream[4096]; /* read for every name judged: no fstat, no allocation */
@@ -85,7 +85,7 @@ int32_t VLIBCFileGetKeyValue(const char *szFile, const char *szKey, char *szValu
     }
 
     if (szValue != nullptr && retlen > sizeMax) {
-        VLIBC_ERR_RECORD(ERR_NOT_ENOUGH_MEMORY);
+        VLIBC_ERR_RECORD(ERR_NOT_ENOUGH_MEMORY, 88);
         fFailed = TRUE;
     }
 
@@ -105,7 +105,7 @@ int32_t VLIBCFileGetKeyValue(const char *szFile, const char *szKey, char *szValu
      * line with nothing after its "=" included.
      */
     if (retlen == 0) {
-        VLIBC_ERR_RECORD(ERR_KEY_NOT_FOUND);
+        VLIBC_ERR_RECORD(ERR_KEY_NOT_FOUND, 108);
         return 0;
     }
     return retlen;

@@ -33,7 +33,7 @@ int32_t VLIBCILineKeyMatch(char *szLine, const char *szKey)
     int32_t ret = 0;
 
     if (szLine == nullptr || szKey == nullptr) {
-        VLIBC_ERR_RECORD(ERR_BAD_PARAMETERS);
+        VLIBC_ERR_RECORD(ERR_BAD_PARAMETERS, 36);
         return 0;
     }
 

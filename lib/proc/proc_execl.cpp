@@ -87,7 +87,7 @@ int32_t VLIBCExecl(const char *szPath, int32_t flag, const char *szArg, ...)
 
     /* One record for every failure; it replaces a failed fork's own. */
     if (ret == -1)
-        VLIBC_ERR_RECORD(ERR_OP_FAILURE);
+        VLIBC_ERR_RECORD(ERR_OP_FAILURE, 90);
     return ret;
 }
 

@@ -51,7 +51,7 @@ pid_t VLIBCProcForkEx(int32_t flag)
     (void)fflush(nullptr);
     pid = fork();
     if (pid < 0) {
-        VLIBC_ERR_RECORD(ERR_FORK_FAIL);
+        VLIBC_ERR_RECORD(ERR_FORK_FAIL, 54);
         return -1;
     }
 
@@ -101,7 +101,7 @@ pid_t VLIBCProcForkEx(int32_t flag)
     if (flag & FORK_DETACH) {
         pid = fork();
         if (pid < 0) {
-            syslog(LOG_ERR, "%s:%d Failed to fork(). errno=[%d/%m]", __FILE_NAME__, __LINE__, errno);
+            VLIBC_SYSLOG_AT(104, "%s:%d Failed to fork(). errno=[%d/%m]", errno);
             _exit(255);
         }
         if (pid > 0)

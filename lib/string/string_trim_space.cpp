@@ -101,7 +101,7 @@ int32_t VLIBCStrTrimSpace(char *szInput, char *szOutput)
 
     /* The argument checks come before anything is read or written. */
     if (szInput == nullptr) {
-        VLIBC_ERR_RECORD(ERR_BAD_PARAMETERS);
+        VLIBC_ERR_RECORD(ERR_BAD_PARAMETERS, 104);
         return -1;
     }
 
@@ -109,7 +109,7 @@ int32_t VLIBCStrTrimSpace(char *szInput, char *szOutput)
     const uintptr_t uInput = reinterpret_cast<uintptr_t>(szInput);
     const uintptr_t uOutput = reinterpret_cast<uintptr_t>(szOutput);
     if (uOutput > uInput && uOutput < uInput + n + 1) {
-        VLIBC_ERR_RECORD(ERR_BAD_PARAMETERS);
+        VLIBC_ERR_RECORD(ERR_BAD_PARAMETERS, 112);
         return -1;
     }
     if (szOutput == szInput)
