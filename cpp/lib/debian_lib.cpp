@@ -120,7 +120,11 @@ bool ExecDpkg(const std::string &strParam, const std::string &strDebianName,
         if (fd != -1) {
             dup2(fd, STDOUT_FILENO);
             dup2(fd, STDERR_FILENO);
-            close(fd);
+            // Started without a standard output or error, the open may have
+            // returned 1 or 2 itself: closing it then would take away the very
+            // output just redirected.
+            if (fd > STDERR_FILENO)
+                close(fd);
         }
         if (!strDestFolder.empty())
             execl(kDpkgPath, kDpkgPath, strParam.c_str(), strDebianName.c_str(),
