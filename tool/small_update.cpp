@@ -6,10 +6,13 @@
 // log, in the event log and to the administrators, and appends one verdict
 // line to the update log. Exit status 0 when everything went through, 255
 // when nothing was found or anything was rejected or failed.
+#include <errno.h>
+#include <fcntl.h>
 #include <glob.h>
 #include <stdio.h>
 #include <string.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -48,6 +51,19 @@ void ReportPackage(const PackageReport &report, const std::string &strDebPath)
     VLIBCExec("/usr/vyra/bin/vyralogset1", "sys", "err", report.szEventCode, strDebPath.c_str());
     VLIBCExec("/usr/vyra/bin/vyradeknotify", "@administrators", report.szMessageKey,
               strDebPath.c_str(), nullptr);
+}
+
+// Started by an init script, a daemon or cron with a standard descriptor
+// closed, the first file the run opens would take that number: dpkg's output
+// would leave its log, or the system log's socket would receive what is meant
+// for standard error. Each missing one is held by /dev/null instead; without
+// /dev/null the run goes on as it was started.
+void OpenMissingStandardDescriptors()
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) == -1 && errno == EBADF)
+            (void)open("/dev/null", O_RDWR);
+    }
 }
 
 }  // namespace
@@ -100,6 +116,7 @@ int main(int /* argc */, char * /* argv */[])
     glob_t globbuf;
     std::string strServices;
 
+    OpenMissingStandardDescriptors();
     strServices = "/smallupd@te/";
     strServices += "*.deb";
     memset(&globbuf, 0, sizeof(globbuf));
