@@ -1,14 +1,16 @@
 // The benchmark: what small_update's own work costs per package, against the
-// floor that the design makes unavoidable and against a shell script doing
-// the same job; and, with --real, the tool with the real dpkg against dpkg -i
-// of the same packages one by one. Every run happens in a sandbox.
+// floor that the tool's duties make unavoidable and against a shell script
+// doing the same job; and, with --real, the tool with the real dpkg against
+// dpkg -i of the same packages one by one. It runs inside vyra-sandbox.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <map>
 #include <random>
 #include <string>
@@ -30,17 +32,18 @@ struct Program {
     std::vector<std::string> argv;  // inside the sandbox
 };
 
-// Runs argv through the measuring wrapper, inside sb.
-Sample Measure(sandbox::Sandbox &sb, const std::vector<std::string> &argv)
+namespace fs = std::filesystem;
+
+// Runs argv through the measuring wrapper.
+Sample Measure(const std::vector<std::string> &argv)
 {
-    std::vector<std::string> command = {"/bench/measure"};
+    std::vector<std::string> command = {VYRA_BENCH_MEASURE};
     command.insert(command.end(), argv.begin(), argv.end());
-    const sandbox::Result res = sb.Run(command);
+    const sandbox::Result res = sandbox::Run(command);
     Sample sample;
     int nStatus = -1;
     if (sscanf(res.out.c_str(), "%lf %ld %d", &sample.dWall, &sample.cKiB, &nStatus) != 3) {
-        fprintf(stderr, "bench: %s did not run: %s%s\n", argv[0].c_str(), res.out.c_str(),
-                res.err.c_str());
+        fprintf(stderr, "bench: %s did not run: %s%s\n", argv[0].c_str(), res.out.c_str(), res.err.c_str());
         exit(1);
     }
     return sample;
@@ -56,37 +59,28 @@ Sample Median(std::vector<Sample> samples)
     return median;
 }
 
-// The tool reads VERSION for every comparison, by design, so the file sits
-// on a plain directory bound into the sandbox: on the overlay each open
-// would also pay the overlay's path lookup (about 2.4 us here), a cost of
-// the sandbox that the appliance does not have. Logs stay on the overlay's
-// disk, where syncing them costs what it costs on a disk.
-class Machine {
-public:
-    Machine()
-    {
-        FILE *pf = fopen(m_etc.Path("VERSION").c_str(), "w");
-        if (pf == nullptr || fputs("buildnumber=\"2668\"\n", pf) < 0 || fclose(pf) != 0) {
-            perror("bench: VERSION");
-            exit(1);
-        }
-        m_sb.BindHostDir(VYRA_BUILD_DIR);
-        m_sb.BindHostDir(m_etc.Path(), "/etc.defaults");
-        m_sb.EmptyDir("/var/log");
-        m_sb.EmptyDir("/smallupd@te");
-        m_sb.CopyIn(VYRA_BENCH_MEASURE, "/bench/measure", 0755);
-        m_sb.CopyIn(VYRA_BENCH_FLOOR, "/bench/floor", 0755);
-        m_sb.CopyIn(VYRA_BENCH_SCRIPT, "/bench/small_update.sh", 0755);
-        for (const char *szTool : {"/usr/vyra/bin/vyralogset1", "/usr/vyra/bin/vyradeknotify"})
-            m_sb.InstallStandin(szTool);
+// A machine of build 2668 with nothing to update yet. The tool reads VERSION
+// for every comparison, so the file sits on a tmpfs: on the sandbox's overlay
+// each open would also pay the overlay's path lookup (about 2.4 us here), a
+// cost of the sandbox that the appliance does not have. Logs stay on the
+// overlay's disk, where syncing them costs what it costs on a disk.
+void Machine()
+{
+    static const bool blVersion = [] {
+        fs::create_directories("/etc.defaults");
+        return mount("tmpfs", "/etc.defaults", "tmpfs", 0, "size=64k") == 0;
+    }();
+    if (!blVersion) {
+        perror("bench: /etc.defaults");
+        exit(1);
     }
-    sandbox::Sandbox *operator->() { return &m_sb; }
-    sandbox::Sandbox &operator*() { return m_sb; }
-
-private:
-    sandbox::TempDir m_etc{"vyra-bench-etc"};
-    sandbox::Sandbox m_sb;
-};
+    sandbox::WriteFile("/etc.defaults/VERSION", "buildnumber=\"2668\"\n");
+    for (const char *szPath : {"/smallupd@te", "/var/log/vyraupdate.log", "/var/log/dpkg_upgrade.log"})
+        fs::remove_all(szPath);
+    fs::create_directory("/smallupd@te");
+    for (const char *szTool : {"/usr/vyra/bin/vyralogset1", "/usr/vyra/bin/vyradeknotify"})
+        sandbox::InstallStandin(szTool);
+}
 
 long StrippedSize(const std::string &strStrip, const std::string &strBinary)
 {
@@ -101,8 +95,8 @@ long StrippedSize(const std::string &strStrip, const std::string &strBinary)
 void Overhead(int cRuns, const std::vector<int> &sizes)
 {
     const std::vector<Program> programs = {{"small_update", {VYRA_TOOL}},
-                                           {"floor", {"/bench/floor"}},
-                                           {"shell script", {"/bin/sh", "/bench/small_update.sh"}}};
+                                           {"floor", {VYRA_BENCH_FLOOR}},
+                                           {"shell script", {"/bin/sh", VYRA_BENCH_SCRIPT}}};
     std::map<std::string, std::map<int, Sample>> medians;
     std::mt19937 random(2668);  // the same names on every run of the benchmark
 
@@ -110,18 +104,18 @@ void Overhead(int cRuns, const std::vector<int> &sizes)
            cRuns);
     printf("%9s  %-13s %10s %14s %10s\n", "packages", "program", "wall (s)", "per package", "peak RSS");
     for (const int cPackages : sizes) {
-        Machine sb;
-        sb->CopyIn(VYRA_BENCH_NOOP, "/usr/bin/dpkg", 0755);
+        Machine();
+        fs::copy_file(VYRA_BENCH_NOOP, "/usr/bin/dpkg", fs::copy_options::overwrite_existing);
         for (int i = 0; i < cPackages; ++i) {
             char szName[64];
             snprintf(szName, sizeof(szName), "pkg%05d_1.0-2668-s%u_all.deb", i,
                      static_cast<unsigned>(random() % 100000));
-            sb->WriteFile(std::string(kDir) + szName, "");
+            sandbox::WriteFile(std::string(kDir) + szName, "");
         }
         std::map<std::string, std::vector<Sample>> samples;
         for (int nRun = 0; nRun < cRuns; ++nRun) {
             for (const Program &program : programs)
-                samples[program.szName].push_back(Measure(*sb, program.argv));
+                samples[program.szName].push_back(Measure(program.argv));
         }
         for (const Program &program : programs) {
             const Sample median = Median(samples[program.szName]);
@@ -153,17 +147,17 @@ void Overhead(int cRuns, const std::vector<int> &sizes)
 void RealDpkg(int cRuns)
 {
     const int cPackages = 20;
-    Machine sbBuild;
-    std::vector<std::pair<std::string, std::string>> packages;  // name, bytes
+    Machine();
     for (int i = 0; i < cPackages; ++i) {
         const std::string strPackage = "vyra-bench-" + std::to_string(i);
         const std::string strName = strPackage + "_1.0-2668-s" + std::to_string(cPackages - i) + "_all.deb";
-        if (!sbBuild->BuildDeb(strPackage, "/out/" + strName)) {
+        if (!sandbox::BuildDeb(strPackage, "/bench-packages/" + strName)) {
             fprintf(stderr, "bench: dpkg-deb could not build %s\n", strName.c_str());
             exit(1);
         }
-        packages.push_back({strName, sbBuild->ReadFile("/out/" + strName).value_or("")});
     }
+    // Every run starts from this machine's package database as it was.
+    fs::copy("/var/lib/dpkg", "/bench-dpkg", fs::copy_options::recursive);
     const std::vector<Program> programs = {
         {"small_update", {VYRA_TOOL}},
         {"dpkg -i each", {"/bin/sh", "-c", "for f in /smallupd@te/*.deb; do dpkg -i \"$f\"; done"}}};
@@ -175,10 +169,11 @@ void RealDpkg(int cRuns)
     for (const Program &program : programs) {
         std::vector<Sample> samples;
         for (int nRun = 0; nRun < cRuns; ++nRun) {
-            Machine sb;
-            for (const auto &[strName, strBytes] : packages)
-                sb->WriteFile(kDir + strName, strBytes);
-            samples.push_back(Measure(*sb, program.argv));
+            Machine();
+            fs::remove_all("/var/lib/dpkg");
+            fs::copy("/bench-dpkg", "/var/lib/dpkg", fs::copy_options::recursive);
+            fs::copy("/bench-packages", "/smallupd@te", fs::copy_options::recursive);
+            samples.push_back(Measure(program.argv));
         }
         medians[program.szName] = Median(samples);
         printf("%-14s %10.3f %11.1f ms %7.1f MiB\n", program.szName, medians[program.szName].dWall,
@@ -210,9 +205,8 @@ int main(int argc, char *argv[])
             return 2;
         }
     }
-    std::string strWhy;
-    if (!sandbox::Sandbox::Available(&strWhy)) {
-        fprintf(stderr, "bench: the sandbox cannot be made here (%s); run it as root\n", strWhy.c_str());
+    if (!sandbox::Inside()) {
+        fprintf(stderr, "bench: it changes the system paths: run it through bench/run.sh\n");
         return 1;
     }
     if (blReal)

@@ -20,4 +20,4 @@ trap 'rm -f "$log"' EXIT
             -DCMAKE_TOOLCHAIN_FILE=cmake/powerpc-linux-gnu.cmake &&
         cmake --build build-powerpc --parallel "$(nproc)" --target small_update
 } > "$log" 2>&1 || { cat "$log" >&2; exit 1; }
-build/bench/bench_runner "$@"
+sandbox/vyra-sandbox -- build/bench/bench_runner "$@"

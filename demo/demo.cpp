@@ -1,9 +1,11 @@
-// Shows one whole run of small_update on sample packages, inside a sandbox:
-// what was there, what the tool printed and logged, what it asked the
-// appliance's tools to do, what it wrote, and what got installed.
+// Shows one whole run of small_update on sample packages: what was there, what
+// the tool printed and logged, what it asked the appliance's tools to do, what
+// it wrote, and what got installed. It runs inside vyra-sandbox, so it places
+// everything on the tool's fixed paths without touching the machine's own.
 #include <stdio.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -35,37 +37,24 @@ void Section(const std::string &strTitle, const std::string &strBody)
     printf("\n--- %s ---\n%s", strTitle.c_str(), strBody.empty() ? "(nothing)\n" : strBody.c_str());
 }
 
-std::string Joined(const std::vector<std::string> &words)
-{
-    std::string str;
-    for (const std::string &strWord : words)
-        str += (str.empty() ? "" : " ") + strWord;
-    return str;
-}
-
 int Demo()
 {
-    sandbox::Sandbox sb;
-    sb.BindHostDir(VYRA_BUILD_DIR);
-    sb.EmptyDir("/var/log");
-    sb.EmptyDir("/smallupd@te");
-    sb.WriteFile("/etc.defaults/VERSION", "buildnumber=\"2668\"\n");
-    sb.InstallStandin(kLogSet);
-    sb.InstallStandin(kNotify);
+    std::filesystem::remove_all("/smallupd@te");
+    for (const char *szLog : {"/var/log/vyraupdate.log", "/var/log/dpkg_upgrade.log"})
+        std::filesystem::remove(szLog);
+    sandbox::WriteFile("/etc.defaults/VERSION", "buildnumber=\"2668\"\n");
+    sandbox::InstallStandin(kLogSet);
+    sandbox::InstallStandin(kNotify);
 
     printf("The machine's /etc.defaults/VERSION says buildnumber=\"2668\".\n"
            "The update directory %s holds:\n",
            kDir.c_str());
     for (const Sample &sample : kSamples) {
         const std::string strPath = kDir + sample.szFile;
-        if (sample.szPackage != nullptr) {
-            if (!sb.BuildDeb(sample.szPackage, strPath)) {
-                fprintf(stderr, "demo: dpkg-deb could not build %s\n", sample.szFile);
-                return 1;
-            }
-        } else {
-            sb.WriteFile(strPath, "!<arch>\nthis is not a Debian archive\n");
-        }
+        if (sample.szPackage == nullptr)
+            sandbox::WriteFile(strPath, "!<arch>\nthis is not a Debian archive\n");
+        else if (!sandbox::BuildDeb(sample.szPackage, strPath))
+            return fprintf(stderr, "demo: dpkg-deb could not build %s\n", sample.szFile), 1;
         printf("  %-36s %s\n", sample.szFile, sample.szWhy);
     }
     printf("\ndpkg is the machine's real /usr/bin/dpkg, working on the sandbox's copy of\n"
@@ -74,28 +63,21 @@ int Demo()
            kLogSet, kNotify);
 
     printf("\n$ small_update\n");
-    const sandbox::Result res = sb.Run({VYRA_TOOL});
-    Section("exit status", std::to_string(res.ExitCode()) +
-                               "  (0: everything installed; 255: nothing found, or something "
-                               "was refused or failed)\n");
+    const sandbox::Result res = sandbox::Run({VYRA_TOOL});
+    Section("exit status", std::to_string(res.Code()) +
+                               "  (0: everything installed; 255: nothing found, or something was refused or failed)\n");
     Section("standard error", res.err);
     std::string strLog;
-    for (const sandbox::LogMessage &msg : res.log)
-        strLog += "<" + std::to_string(msg.priority) + "> " + msg.tag + ": " + msg.text;
-    Section("system log (<priority> = user facility, error level)", strLog);
-    std::string strCalls;
-    for (const sandbox::StandinCall &call : sb.StandinCalls())
-        strCalls += Joined(call.argv) + "\n";
-    Section("the event-log and notification tools were asked", strCalls);
-    Section("/var/log/vyraupdate.log (one verdict line per run)",
-            sb.ReadFile("/var/log/vyraupdate.log").value_or(""));
+    for (const std::string &strMessage : res.log)
+        strLog += strMessage.rfind("<13>", 0) == 0 ? "    asked: " + strMessage.substr(4) + "\n" : strMessage;
+    Section("system log (<11> = user facility, error level), with each start of an appliance tool", strLog);
+    Section("/var/log/vyraupdate.log (one verdict line per run)", sandbox::ReadFile("/var/log/vyraupdate.log"));
     Section("/var/log/dpkg_upgrade.log (banner, dpkg's own output, failures)",
-            sb.ReadFile("/var/log/dpkg_upgrade.log").value_or(""));
-    const sandbox::Result installed =
-        sb.Run({"/usr/bin/dpkg-query", "-W", "-f=${Package} ${db:Status-Abbrev}\n", "vyra-*",
-                "smallupdate"});
+            sandbox::ReadFile("/var/log/dpkg_upgrade.log"));
+    const sandbox::Result installed = sandbox::Run(
+        {"/usr/bin/dpkg-query", "-W", "-f=${Package} ${db:Status-Abbrev}\n", "vyra-*", "smallupdate"});
     Section("what dpkg now has installed (ii = installed)", installed.out + installed.err);
-    printf("\nThe sandbox is gone now; nothing on this machine changed.\n");
+    printf("\nThe sandbox is gone when this ends; nothing on this machine changed.\n");
     return 0;
 }
 
@@ -103,13 +85,8 @@ int Demo()
 
 int main()
 {
-    std::string strWhy;
-    if (!sandbox::Sandbox::Available(&strWhy)) {
-        fprintf(stderr,
-                "demo: the sandbox cannot be made here (%s).\n"
-                "The demo runs the tool against a private copy of this machine's root, which\n"
-                "needs root: try it again as root.\n",
-                strWhy.c_str());
+    if (!sandbox::Inside()) {
+        fprintf(stderr, "demo: it places files on the system's own paths: run it through scripts/demo.sh\n");
         return 1;
     }
     printf("small_update, once, on sample packages. Everything happens in a throw-away\n"

@@ -1,21 +1,19 @@
 #!/bin/sh
-# Stands in for dpkg and the appliance's tools in the sandbox: records how it was
-# started, writes one line on each of its outputs, then ends as its package
-# asks.
+# Stands in for dpkg and the appliance's tools: records how it was started,
+# writes one line on each of its outputs, then ends as its package asks.
+# Its start is also told to the system log, at user.notice, as "$0 $*", so
+# that a reader of /dev/log sees it in order with everything else there.
 #
-# Each call gets the directory @RECORDS@/<n>, n counting up over all the
-# stand-ins of a run, holding:
+# Each start gets the directory @RECORDS@/<n>, n counting up, holding:
 #   cmdline  the interpreter, this script's path, then the arguments (NUL-separated)
-#   environ  the environment it was given (NUL-separated)
+#   environ  its environment (NUL-separated)
 #   cwd      its working directory
 #   fds      "<fd> <target>" for each descriptor it inherited
 #   ids      "<pid> <parent pid> <session id>"
-#   pending  the earlier calls that had not yet ended when it started
-#   ended    made when it ends, unless a signal ends it
 # If an argument names a file holding a line "standin <name>: exit N",
-# "standin <name>: kill SIGNAL" or "standin <name>: sleep N" (<name> being
-# this program's base name), it ends that way (after N seconds, for sleep);
-# otherwise it exits 0.
+# "... kill SIGNAL" or "... sleep N" (<name> being this program's base name),
+# it ends that way (after N seconds, for sleep); otherwise it exits 0.
+logger -t standin -- "$0 $*" 2>/dev/null
 records=@RECORDS@
 name=${0##*/}
 how=
@@ -29,23 +27,16 @@ while ! mkdir "$records/$n" 2>/dev/null; do
     n=$((n + 1))
 done
 rec=$records/$n
-trap ': > "$rec/ended"' EXIT
-pending=
-for other in "$records"/*; do
-    other=${other##*/}
-    [ "$other" = "$n" ] || [ -e "$records/$other/ended" ] || pending="$pending $other"
-done
-echo "$pending" > "$rec/pending"
 cat /proc/$$/cmdline > "$rec/cmdline"
 cat /proc/$$/environ > "$rec/environ"
 readlink /proc/$$/cwd > "$rec/cwd"
-# Listed by a child shell that opens the record itself: a redirection here
+# Listed by a child shell that opens the record itself, as a redirection here
 # would show up among this shell's descriptors. The shell's own descriptors
 # are close-on-exec; inherited ones never are.
 sh -c '
 exec > "$2"
-for f in /proc/$1/fd/*; do
-    fd=${f##*/}
+for fd in $(ls /proc/$1/fd | sort -n); do
+    f=/proc/$1/fd/$fd
     flags=$(sed -n "s/^flags:[[:space:]]*//p" /proc/$1/fdinfo/$fd 2>/dev/null)
     [ -n "$flags" ] && [ $((0$flags & 02000000)) -eq 0 ] && echo "$fd $(readlink "$f")"
 done' sh $$ "$rec/fds"

@@ -13,4 +13,4 @@ cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo > "$log" 2>&1 &&
     { cat "$log" >&2; rm -f "$log"; exit 1; }
 rm -f "$log"
 echo
-exec build/demo/small_update_demo
+exec sandbox/vyra-sandbox --bind "$PWD/build" -- build/demo/small_update_demo

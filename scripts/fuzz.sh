@@ -28,7 +28,8 @@ for target in key_value small_fix tok_index trim_space; do
     set -- "$PWD/build-fuzz/fuzz/fuzz_$target" -runs="$runs" -max_total_time="$seconds" \
         -print_final_stats=1 -artifact_prefix="$PWD/build-fuzz/" "$work/$target" "fuzz/corpus/$target"
     if [ "$target" = small_fix ]; then
-        set -- build-fuzz/sandbox/vyra-sandbox --text /etc.defaults/VERSION='buildnumber="2668"' -- "$@"
+        set -- sandbox/vyra-sandbox -- /bin/sh -c \
+            'mkdir -p /etc.defaults && echo "buildnumber=\"2668\"" > /etc.defaults/VERSION && exec "$@"' sh "$@"
     fi
     echo "== fuzz_$target"
     status=0
