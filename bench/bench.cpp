@@ -74,12 +74,7 @@ void Machine()
         perror("bench: /etc.defaults");
         exit(1);
     }
-    sandbox::WriteFile("/etc.defaults/VERSION", "buildnumber=\"2668\"\n");
-    for (const char *szPath : {"/smallupd@te", "/var/log/vyraupdate.log", "/var/log/dpkg_upgrade.log"})
-        fs::remove_all(szPath);
-    fs::create_directory("/smallupd@te");
-    for (const char *szTool : {"/usr/vyra/bin/vyralogset1", "/usr/vyra/bin/vyradeknotify"})
-        sandbox::InstallStandin(szTool);
+    sandbox::Machine({}, true);
 }
 
 long StrippedSize(const std::string &strStrip, const std::string &strBinary)

@@ -14,10 +14,7 @@ scripts/install-deps.sh --target
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 {
-    cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo &&
-        cmake --build build --parallel "$(nproc)" --target bench_runner &&
-        cmake -S . -B build-powerpc -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-            -DCMAKE_TOOLCHAIN_FILE=cmake/powerpc-linux-gnu.cmake &&
-        cmake --build build-powerpc --parallel "$(nproc)" --target small_update
+    cmake --preset host && cmake --build --preset host --target bench_runner &&
+        cmake --preset powerpc && cmake --build --preset powerpc --target small_update
 } > "$log" 2>&1 || { cat "$log" >&2; exit 1; }
 sandbox/vyra-sandbox -- build/bench/bench_runner "$@"

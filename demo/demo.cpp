@@ -5,7 +5,6 @@
 #include <stdio.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -39,12 +38,7 @@ void Section(const std::string &strTitle, const std::string &strBody)
 
 int Demo()
 {
-    std::filesystem::remove_all("/smallupd@te");
-    for (const char *szLog : {"/var/log/vyraupdate.log", "/var/log/dpkg_upgrade.log"})
-        std::filesystem::remove(szLog);
-    sandbox::WriteFile("/etc.defaults/VERSION", "buildnumber=\"2668\"\n");
-    sandbox::InstallStandin(kLogSet);
-    sandbox::InstallStandin(kNotify);
+    sandbox::Machine({}, true);
 
     printf("The machine's /etc.defaults/VERSION says buildnumber=\"2668\".\n"
            "The update directory %s holds:\n",
@@ -63,14 +57,21 @@ int Demo()
            kLogSet, kNotify);
 
     printf("\n$ small_update\n");
-    const sandbox::Result res = sandbox::Run({VYRA_TOOL});
+    const sandbox::Result res = sandbox::RunLogged({VYRA_TOOL});
     Section("exit status", std::to_string(res.Code()) +
                                "  (0: everything installed; 255: nothing found, or something was refused or failed)\n");
-    Section("standard error", res.err);
-    std::string strLog;
-    for (const std::string &strMessage : res.log)
-        strLog += strMessage.rfind("<13>", 0) == 0 ? "    asked: " + strMessage.substr(4) + "\n" : strMessage;
-    Section("system log (<11> = user facility, error level), with each start of an appliance tool", strLog);
+    std::string strJournal;
+    for (const std::string &strMessage : res.log) {
+        if (strMessage.rfind("<13>", 0) == 0)
+            strJournal += "   ran: " + strMessage.substr(4) + "\n";
+        else if (strMessage.rfind("<11>", 0) == 0)
+            strJournal += "   log: " + strMessage.substr(4);
+        else
+            strJournal += "stderr: " + strMessage;
+    }
+    Section("what it said, in order: standard error, the system log (LOG_ERR, user facility)\n"
+            "and each start of an appliance tool",
+            strJournal);
     Section("/var/log/vyraupdate.log (one verdict line per run)", sandbox::ReadFile("/var/log/vyraupdate.log"));
     Section("/var/log/dpkg_upgrade.log (banner, dpkg's own output, failures)",
             sandbox::ReadFile("/var/log/dpkg_upgrade.log"));

@@ -140,6 +140,20 @@ Result Run(const std::vector<std::string> &argv, const std::vector<std::string> 
     return Call([&argv, &env]() -> int { Exec(argv, env); });
 }
 
+Result RunLogged(const std::vector<std::string> &argv, const std::vector<std::string> &env)
+{
+    return Call([&argv, &env] {
+        struct sockaddr_un addr = {};
+        addr.sun_family = AF_UNIX;
+        strcpy(addr.sun_path, "/dev/log");
+        const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+        if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0 || dup2(fd, 2) != 2)
+            return 126;
+        close(fd);
+        Exec(argv, env);
+    });
+}
+
 // glibc sends "<PRI>Mmm dd hh:mm:ss TAG: TEXT"; what is kept is "<PRI>TEXT".
 std::vector<std::string> TakeLog()
 {
@@ -195,6 +209,20 @@ std::vector<StandinCall> Calls()
         calls.push_back(call);
     }
     return calls;
+}
+
+void Machine(const std::vector<std::pair<std::string, std::string>> &packages, bool blRealDpkg)
+{
+    WriteFile("/etc.defaults/VERSION", "# the build of the system\nbuildnumber=\"2668\"\n");
+    for (const char *szPath : {"/usr/vyra/bin/vyralogset1", "/usr/vyra/bin/vyradeknotify"})
+        InstallStandin(szPath);
+    if (!blRealDpkg)
+        InstallStandin("/usr/bin/dpkg");
+    for (const char *szPath : {"/smallupd@te", "/var/log/vyraupdate.log", "/var/log/dpkg_upgrade.log"})
+        fs::remove_all(szPath);
+    fs::create_directory("/smallupd@te");
+    for (const auto &[strName, strContent] : packages)
+        WriteFile("/smallupd@te/" + strName, strContent);
 }
 
 bool BuildDeb(const std::string &strPackage, const std::string &strDebPath)

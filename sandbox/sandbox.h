@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace sandbox {
@@ -38,6 +39,9 @@ Result Run(const std::vector<std::string> &argv,
 // Replaces the process with argv[0] (no PATH search); if that fails, says why
 // on standard error and ends with 127.
 [[noreturn]] void Exec(const std::vector<std::string> &argv, const std::vector<std::string> &env);
+// Runs argv as Run does, but with its standard error sent to /dev/log, where
+// it shows in order with the system-log messages and the stand-ins' starts.
+Result RunLogged(const std::vector<std::string> &argv, const std::vector<std::string> &env = DefaultEnv());
 // The system-log datagrams that arrived since the last call: "<PRI>TEXT" for
 // what came in the system log's format, anything else as it came.
 std::vector<std::string> TakeLog();
@@ -62,6 +66,12 @@ struct StandinCall {
 };
 // Every start of a stand-in so far, in order.
 std::vector<StandinCall> Calls();
+
+// A machine of build 2668 that the tool has not run on: the appliance's
+// event-log and notification tools are stand-ins, and so is dpkg unless
+// blRealDpkg; the update directory holds the packages (name, content); neither
+// log exists. VERSION opens with a comment, as the appliance's does.
+void Machine(const std::vector<std::pair<std::string, std::string>> &packages = {}, bool blRealDpkg = false);
 
 // A package strPackage, version 1.0, that installs /usr/share/<strPackage>/hello
 // holding "<strPackage>\n", built with dpkg-deb as strDebPath. False on failure.

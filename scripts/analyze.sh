@@ -5,7 +5,7 @@
 set -eu
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh --check
-cmake -S . -B build-analyze -DCMAKE_EXPORT_COMPILE_COMMANDS=ON -DVYRA_BUILD_TESTS=OFF > /dev/null
+cmake -S . -B build-analyze -DCMAKE_EXPORT_COMPILE_COMMANDS=ON -DBUILD_TESTING=OFF > /dev/null
 files=$(git ls-files 'lib/*.cpp' 'cpp/*.cpp' 'tool/*.cpp')
 
 echo "== clang-tidy"

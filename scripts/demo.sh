@@ -8,8 +8,8 @@ cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 echo "Building (build/) ..."
 log=$(mktemp)
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo > "$log" 2>&1 &&
-    cmake --build build --parallel "$(nproc)" --target small_update_demo >> "$log" 2>&1 ||
+cmake --preset host > "$log" 2>&1 &&
+    cmake --build --preset host --parallel "$(nproc)" --target small_update_demo >> "$log" 2>&1 ||
     { cat "$log" >&2; rm -f "$log"; exit 1; }
 rm -f "$log"
 echo

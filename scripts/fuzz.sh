@@ -16,8 +16,8 @@ runs=${1:-1000000}
 seconds=${2:-600}
 
 scripts/install-deps.sh --fuzz
-CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVYRA_WERROR=ON \
-    -DVYRA_FUZZ=ON -DVYRA_SANITIZE=ON -DVYRA_BUILD_TESTS=OFF > /dev/null
+CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_COMPILE_WARNING_AS_ERROR=ON \
+    -DVYRA_FUZZ=ON -DVYRA_SANITIZE=ON -DBUILD_TESTING=OFF > /dev/null
 cmake --build build-fuzz --parallel "$(nproc)" > /dev/null
 
 work=$(mktemp -d)

@@ -4,12 +4,14 @@
 #   scripts/install-deps.sh --target  also the PowerPC cross compiler and qemu-user
 #   scripts/install-deps.sh --fuzz    also clang with libFuzzer
 #   scripts/install-deps.sh --check   also clang-tidy and cppcheck
+#   scripts/install-deps.sh --package also what makes and checks the Debian packages
 set -eu
-packages="cmake g++ make libgtest-dev man-db valgrind"
+packages="cmake g++ make libgtest-dev mount strace valgrind"
 case "${1:-}" in
     --target) packages="$packages g++-powerpc-linux-gnu qemu-user" ;;
     --fuzz) packages="$packages clang libclang-rt-14-dev" ;;
     --check) packages="$packages clang-tidy cppcheck" ;;
+    --package) packages="$packages g++-powerpc-linux-gnu qemu-user debhelper dpkg-dev file git lintian logrotate" ;;
 esac
 missing=
 for p in $packages; do

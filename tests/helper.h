@@ -5,35 +5,93 @@
 #define VYRA_TEST_HELPER_H
 
 #include <gtest/gtest.h>
+#include <stdio.h>
+#include <time.h>
 
-#include <string>
-#include <utility>
-#include <vector>
+#include <filesystem>
+#include <sstream>
 
 #include "sandbox.h"
+#include "vyracore.h"
 
 using Lines = std::vector<std::string>;
 using sandbox::ReadFile;
 using sandbox::WriteFile;
 
-Lines Split(const std::string &strText);
+// When the test began; also: refuse the machine's own paths, catch the system log.
+inline const time_t tStart = sandbox::Inside() ? (sandbox::TakeLog(), time(nullptr))
+                                               : (fputs("run the tests through sandbox/vyra-sandbox\n", stderr), exit(2), 0);
+
+inline Lines Split(const std::string &strText)
+{
+    Lines lines;
+    std::istringstream in(strText);
+    for (std::string strLine; std::getline(in, strLine);)
+        lines.push_back(strLine);
+    return lines;
+}
+
 // The core library's error record: "<code> <file>:<line>".
-std::string Recorded();
-// A log's lines, each without its checked time stamp ("<no stamp>" if none).
-Lines LogLines(const std::string &strPath);
-// The system log in order: "$ argv" for each start of a stand-in, messages of
-// the tool and the package library without their line, others as sent ("<N>"
-// before one not at LOG_ERR), and raw texts such as RunTool's standard error.
-Lines Journal(const std::vector<std::string> &log);
-// strace writing /tmp/strace, and failing the calls strInject names, if any.
-Lines Strace(const std::string &strInject, const Lines &options = {"--"});
-// The environment for argv: under strace, LeakSanitizer cannot trace.
-Lines EnvFor(const Lines &argv);
-// A machine of build 2668: stand-ins for the appliance's tools and, unless
-// blRealDpkg, for dpkg; the update directory holding the packages; no logs.
-void Machine(const std::vector<std::pair<std::string, std::string>> &packages, bool blRealDpkg = false);
-// Runs command (by default small_update, with arguments) behind prefix, with
-// its standard error on /dev/log so that the journal holds every channel in order.
-sandbox::Result RunTool(const Lines &prefix = {}, const Lines &command = {VYRA_TOOL_COMMAND, "-x", "a.deb"});
+inline std::string Recorded()
+{
+    char sz[64];
+    snprintf(sz, sizeof(sz), "%#x %s:%d", static_cast<unsigned>(vyraerrno),
+             VLIBCErrorGetFile() != nullptr ? VLIBCErrorGetFile() : "-", static_cast<int>(VLIBCErrorGetLine()));
+    return sz;
+}
+
+// A log's lines without the stamp of local time since the test began, five
+// hours east of UTC as Env sets it; "<no stamp>" before a line without one.
+inline Lines LogLines(const std::string &strPath)
+{
+    Lines lines = Split(ReadFile(strPath));
+    for (std::string &strLine : lines) {
+        bool blStamped = false;
+        for (time_t tEast = tStart + 5 * 3600; !blStamped && tEast <= time(nullptr) + 5 * 3600; ++tEast) {
+            char sz[32];
+            strftime(sz, sizeof(sz), "%Y/%m/%d %H:%M:%S\t", gmtime(&tEast));
+            blStamped = strLine.rfind(sz, 0) == 0;
+        }
+        strLine = blStamped ? strLine.substr(20) : "<no stamp>" + strLine;
+    }
+    return lines;
+}
+
+// The system log in order: "$ argv" for each start of a stand-in, the tool's
+// and the package library's messages without their line, others as sent
+// ("<N>" before one not at LOG_ERR), and raw texts such as a standard error.
+inline Lines Journal(const std::vector<std::string> &log)
+{
+    Lines lines;
+    for (std::string str : log) {
+        str = str.rfind("<13>", 0) == 0 ? "$ " + str.substr(4) : str.rfind("<11>", 0) == 0 ? str.substr(4) : str;
+        if (str.rfind("small_update.cpp:", 0) == 0 || str.rfind("debian_lib.cpp:", 0) == 0)
+            str.erase(str.find(':') + 1, str.find(' ') - str.find(':') - 1);
+        lines.push_back(str);
+    }
+    return lines;
+}
+
+// strace writing /tmp/strace, failing the calls strInject names (if any).
+inline Lines Strace(const std::string &strInject, const Lines &options = {"--"})
+{
+    Lines argv = {"/usr/bin/strace", "-qq", "-o", "/tmp/strace"};
+    if (!strInject.empty())
+        argv.insert(argv.end(), {"-e", "inject=" + strInject});
+    argv.insert(argv.end(), options.begin(), options.end());
+    return argv;
+}
+
+// The environment for argv: local time five hours east of UTC, where a stamp
+// in UTC shows; under strace, no LeakSanitizer, which cannot trace then.
+inline Lines Env(const Lines &argv)
+{
+    Lines env = sandbox::DefaultEnv();
+    const char *szAsan = getenv("ASAN_OPTIONS");
+    env.push_back("TZ=XYZ-5");
+    if (argv[0] == "/usr/bin/strace")  // the first of a name counts
+        env.insert(env.begin(), std::string("ASAN_OPTIONS=") + (szAsan != nullptr ? szAsan : "") + ":detect_leaks=0");
+    return env;
+}
 
 #endif

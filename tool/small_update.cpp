@@ -24,32 +24,32 @@
 
 namespace {
 
-const char kUpdateLog[] = "/var/log/vyraupdate.log";
+const char SZ_UPDATE_LOG[] = "/var/log/vyraupdate.log";
 
 // How one kind of trouble with a package is reported on the four channels.
-struct PackageReport {
+struct PACKAGE_REPORT {
     const char *szBefore;  // the message is szBefore + path + szAfter
     const char *szAfter;
     const char *szEventCode;
     const char *szMessageKey;
 };
 
-const PackageReport kRejected = {"Unexpected Debian [", "], skip install.\n", "0x11B01030",
+const PACKAGE_REPORT REPORT_REJECTED = {"Unexpected Debian [", "], skip install.\n", "0x11B01030",
                                  "update:small_update_check_failed"};
-const PackageReport kInstallFailed = {"Failed to install [", "]\n", "0x11B01031",
+const PACKAGE_REPORT REPORT_INSTALL_FAILED = {"Failed to install [", "]\n", "0x11B01031",
                                       "update:small_update_install_failed"};
 
 // Standard error, system log, event log, administrators: always all four, in
 // this order. The message is assembled here and handed on as an argument,
 // never as a format, whatever bytes the path holds. The tools' results are
 // of no consequence to the run.
-void ReportPackage(const PackageReport &report, const std::string &strDebPath)
+void ReportPackage(const PACKAGE_REPORT &sReport, const std::string &strDebPath)
 {
-    const std::string strMsg = report.szBefore + strDebPath + report.szAfter;
+    const std::string strMsg = sReport.szBefore + strDebPath + sReport.szAfter;
     (void)fprintf(stderr, "%s", strMsg.c_str());
     syslog(LOG_ERR, "%s:%d %s", __FILE_NAME__, __LINE__, strMsg.c_str());
-    VLIBCExec("/usr/vyra/bin/vyralogset1", "sys", "err", report.szEventCode, strDebPath.c_str());
-    VLIBCExec("/usr/vyra/bin/vyradeknotify", "@administrators", report.szMessageKey,
+    VLIBCExec("/usr/vyra/bin/vyralogset1", "sys", "err", sReport.szEventCode, strDebPath.c_str());
+    VLIBCExec("/usr/vyra/bin/vyradeknotify", "@administrators", sReport.szMessageKey,
               strDebPath.c_str(), nullptr);
 }
 
@@ -135,7 +135,7 @@ int main(int /* argc */, char * /* argv */[])
             if (CheckDebian(strDebPath)) {
                 installDebList.push_back(strDebPath);
             } else {
-                ReportPackage(kRejected, strDebPath);
+                ReportPackage(REPORT_REJECTED, strDebPath);
                 blHaveErr = true;
             }
         }
@@ -146,16 +146,16 @@ int main(int /* argc */, char * /* argv */[])
         // was installed before stays installed.
         for (const std::string &strDebPath : installDebList) {
             if (!DebianLib::ExecDpkg("-i", strDebPath)) {
-                ReportPackage(kInstallFailed, strDebPath);
+                ReportPackage(REPORT_INSTALL_FAILED, strDebPath);
                 blHaveErr = true;
             }
         }
 
         if (!blHaveErr) {
-            DebianLib::WriteUpdateLog("Finished critical update!!!", kUpdateLog);
+            DebianLib::WriteUpdateLog("Finished critical update!!!", SZ_UPDATE_LOG);
             ret = 0;
         } else {
-            DebianLib::WriteUpdateLog("Failed to update critical update", kUpdateLog);
+            DebianLib::WriteUpdateLog("Failed to update critical update", SZ_UPDATE_LOG);
         }
     }
 

@@ -17,12 +17,15 @@
 
 namespace {
 
-const char kDpkgPath[] = "/usr/bin/dpkg";
-const char kInstallerLog[] = "/var/log/dpkg_upgrade.log";
-const char kVersionFile[] = "/etc.defaults/VERSION";
-constexpr auto npos = std::string::npos;
+const char SZ_DPKG_PATH[] = "/usr/bin/dpkg";
+const char SZ_INSTALLER_LOG[] = "/var/log/dpkg_upgrade.log";
+const char SZ_VERSION_FILE[] = "/etc.defaults/VERSION";
 
 }  // namespace
+
+// Every log line carries the time: a 32-bit time_t would stamp wrong dates
+// from 2038 on, while the appliance is still in service.
+static_assert(sizeof(time_t) >= 8, "time_t must be 64 bits: build with _TIME_BITS=64");
 
 namespace DebianLib {
 
@@ -37,21 +40,21 @@ int FindSmallFixNumfromDeb(const std::string &strDebName)
         return -1;
 
     const auto idxFirstUnderLine = strDebName.find('_');
-    if (idxFirstUnderLine == npos)
+    if (idxFirstUnderLine == std::string::npos)
         return -1;
     const auto idxLastUnderLine = strDebName.rfind('_');
-    if (idxLastUnderLine == npos || idxLastUnderLine == idxFirstUnderLine)
+    if (idxLastUnderLine == std::string::npos || idxLastUnderLine == idxFirstUnderLine)
         return -1;
 
     // Read on every call: the system may be updated while packages wait.
-    if (VLIBCFileGetKeyValue(kVersionFile, "buildnumber", szTemp, sizeof(szTemp), 0) <= 0) {
+    if (VLIBCFileGetKeyValue(SZ_VERSION_FILE, "buildnumber", szTemp, sizeof(szTemp), 0) <= 0) {
         syslog(LOG_ERR, "%s:%d Get buildnumber Fail\n", __FILE_NAME__, __LINE__);
         return -1;
     }
     // Matched as text, anchored by the dashes: build 266 is not -1266-s.
     const std::string strBuildNumberPattern = std::string("-") + szTemp + "-s";
     const auto idxTemp = strDebName.find(strBuildNumberPattern);
-    if (idxTemp == npos) {
+    if (idxTemp == std::string::npos) {
         syslog(LOG_ERR, "%s:%d different buildnumber of deb [%s] with system buildnumber [%s]\n",
                __FILE_NAME__, __LINE__, strDebName.c_str(), szTemp);
         return -1;
@@ -59,10 +62,10 @@ int FindSmallFixNumfromDeb(const std::string &strDebName)
 
     const std::string strDebVer =
         strDebName.substr(idxFirstUnderLine + 1, idxLastUnderLine - idxFirstUnderLine - 1);
-    if (strDebVer.find('_') != npos)
+    if (strDebVer.find('_') != std::string::npos)
         return -1;
     const auto idxSmallNumber = strDebVer.rfind("-s");
-    if (idxSmallNumber == npos)
+    if (idxSmallNumber == std::string::npos)
         return -1;
     const std::string strSmallFixVer = strDebVer.substr(idxSmallNumber + 2);
 
@@ -108,7 +111,7 @@ bool ExecDpkg(const std::string &strParam, const std::string &strDebianName,
                          strDestFolder + "]===========";
 
     // Written before the fork, so the banner precedes dpkg's own output.
-    WriteUpdateLog(strMsg, kInstallerLog);
+    WriteUpdateLog(strMsg, SZ_INSTALLER_LOG);
 
     const pid_t pid = fork();
     if (pid < 0) {
@@ -116,7 +119,7 @@ bool ExecDpkg(const std::string &strParam, const std::string &strDebianName,
         return false;
     }
     if (pid == 0) {
-        const int fd = open(kInstallerLog, O_RDWR | O_CREAT | O_APPEND, 0666);
+        const int fd = open(SZ_INSTALLER_LOG, O_RDWR | O_CREAT | O_APPEND, 0666);
         if (fd != -1) {
             dup2(fd, STDOUT_FILENO);
             dup2(fd, STDERR_FILENO);
@@ -127,10 +130,10 @@ bool ExecDpkg(const std::string &strParam, const std::string &strDebianName,
                 close(fd);
         }
         if (!strDestFolder.empty())
-            execl(kDpkgPath, kDpkgPath, strParam.c_str(), strDebianName.c_str(),
+            execl(SZ_DPKG_PATH, SZ_DPKG_PATH, strParam.c_str(), strDebianName.c_str(),
                   strDestFolder.c_str(), static_cast<char *>(nullptr));
         else
-            execl(kDpkgPath, kDpkgPath, strParam.c_str(), strDebianName.c_str(),
+            execl(SZ_DPKG_PATH, SZ_DPKG_PATH, strParam.c_str(), strDebianName.c_str(),
                   static_cast<char *>(nullptr));
         // No exit handlers and no stdio flush: they belong to the parent.
         _exit(1);
@@ -147,7 +150,7 @@ bool ExecDpkg(const std::string &strParam, const std::string &strDebianName,
         return true;
 
     strMsg = "Failed to install " + strParam + strDebianName + strDestFolder;
-    WriteUpdateLog(strMsg, kInstallerLog);
+    WriteUpdateLog(strMsg, SZ_INSTALLER_LOG);
     return false;
 }
 

@@ -32,7 +32,7 @@
 
 #include "vlibc_err.h"
 
-static void RestoreNoChildWait(int flagsAtEntry);
+static void RestoreNoChildWait(int nFlagsAtEntry);
 [[noreturn]] static void ExecChild(const char *szPath, char **argv);
 
 int32_t VLIBCExecl(const char *szPath, int32_t flag, const char *szArg, ...)
@@ -44,7 +44,7 @@ int32_t VLIBCExecl(const char *szPath, int32_t flag, const char *szArg, ...)
     pid_t waitRet = 0;
 
     sigaction(SIGCHLD, nullptr, &saOrg);
-    const int flagsAtEntry = saOrg.sa_flags;
+    const int nFlagsAtEntry = saOrg.sa_flags;
     saOrg.sa_flags &= ~SA_NOCLDWAIT;
     sigaction(SIGCHLD, &saOrg, nullptr);
 
@@ -83,7 +83,7 @@ int32_t VLIBCExecl(const char *szPath, int32_t flag, const char *szArg, ...)
             ret = (status >> 8) & 0xff;
     }
 
-    RestoreNoChildWait(flagsAtEntry);
+    RestoreNoChildWait(nFlagsAtEntry);
 
     /* One record for every failure; it replaces a failed fork's own. */
     if (ret == -1)
@@ -91,11 +91,11 @@ int32_t VLIBCExecl(const char *szPath, int32_t flag, const char *szArg, ...)
     return ret;
 }
 
-static void RestoreNoChildWait(int flagsAtEntry)
+static void RestoreNoChildWait(int nFlagsAtEntry)
 {
     struct sigaction saNow;
 
-    if ((flagsAtEntry & SA_NOCLDWAIT) == 0)
+    if ((nFlagsAtEntry & SA_NOCLDWAIT) == 0)
         return;
     sigaction(SIGCHLD, nullptr, &saNow);
     saNow.sa_flags |= SA_NOCLDWAIT;

@@ -87,8 +87,8 @@ pid_t VLIBCProcForkEx(int32_t flag)
     /* Errors are ignored: most descriptors in the range are not open. */
     if (flag & FORK_CLOSE_ALL_FDS) {
         const long maxfd = sysconf(_SC_OPEN_MAX);
-        for (long fdClose = 3; fdClose < maxfd; ++fdClose)
-            close(static_cast<int>(fdClose));
+        for (long fd = 3; fd < maxfd; ++fd)
+            close(static_cast<int>(fd));
     }
 
     /*
