@@ -7,23 +7,25 @@
 #include "vyracore.h"
 
 /*
+ * The recorded line is part of the library's interface, as other programs
+ * read it: every statement that records one names the line it must stand on,
+ * and the build fails when it moves.
+ */
+template <int nLine, int nExpected>
+constexpr int32_t VlibcLineAt()
+{
+    static_assert(nLine == nExpected, "a recorded line has moved");
+    return nLine;
+}
+
+/*
  * Records code with the reporting statement's file and line. Only the base
  * name of the file is kept, so that records and messages carry no build paths.
- * The line is part of the library's interface, as other programs read it, so
- * every statement names the line it must stand on and the build fails when it
- * moves.
  */
-#define VLIBC_ERR_RECORD(code, line)                                      \
-    do {                                                                  \
-        static_assert(__LINE__ == (line), "a recorded line has moved");   \
-        VLIBCErrSetEx((code), __FILE_NAME__, __LINE__);                   \
-    } while (0)
+#define VLIBC_ERR_RECORD(code, line) VLIBCErrSetEx((code), __FILE_NAME__, VlibcLineAt<__LINE__, (line)>())
 
 /* A system-log message at LOG_ERR led by "%s:%d ", its line held the same way. */
-#define VLIBC_SYSLOG_AT(line, szFormat, ...)                              \
-    do {                                                                  \
-        static_assert(__LINE__ == (line), "a logged line has moved");     \
-        syslog(LOG_ERR, szFormat, __FILE_NAME__, __LINE__, __VA_ARGS__);  \
-    } while (0)
+#define VLIBC_SYSLOG_AT(line, szFormat, ...) \
+    syslog(LOG_ERR, szFormat, __FILE_NAME__, VlibcLineAt<__LINE__, (line)>(), __VA_ARGS__)
 
 #endif
