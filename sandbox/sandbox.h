@@ -61,7 +61,7 @@ struct StandinCall {
     std::vector<std::string> argv;  // argv[0] as it was started
     std::string env;                // "NAME=value\n" for each variable
     std::string cwd;
-    std::string fds;  // "<fd> <target>\n" for each inherited descriptor
+    std::string fds;  // "<fd> <target>\n" for each inherited descriptor, " (read-only)" before \n if so
     long pid = 0, ppid = 0, sid = 0;
 };
 // Every start of a stand-in so far, in order.

@@ -8,7 +8,8 @@
 #   cmdline  the interpreter, this script's path, then the arguments (NUL-separated)
 #   environ  its environment (NUL-separated)
 #   cwd      its working directory
-#   fds      "<fd> <target>" for each descriptor it inherited
+#   fds      "<fd> <target>" for each descriptor it inherited, " (read-only)" after
+#            one that cannot be written
 #   ids      "<pid> <parent pid> <session id>"
 # If an argument names a file holding a line "standin <name>: exit N",
 # "... kill SIGNAL" or "... sleep N" (<name> being this program's base name),
@@ -38,7 +39,8 @@ exec > "$2"
 for fd in $(ls /proc/$1/fd | sort -n); do
     f=/proc/$1/fd/$fd
     flags=$(sed -n "s/^flags:[[:space:]]*//p" /proc/$1/fdinfo/$fd 2>/dev/null)
-    [ -n "$flags" ] && [ $((0$flags & 02000000)) -eq 0 ] && echo "$fd $(readlink "$f")"
+    [ -n "$flags" ] && [ $((0$flags & 02000000)) -eq 0 ] &&
+        echo "$fd $(readlink "$f")$([ $((0$flags & 3)) -eq 0 ] && echo " (read-only)")"
 done' sh $$ "$rec/fds"
 stat=$(cat /proc/$$/stat)
 set -- ${stat##*) }

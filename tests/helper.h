@@ -1,11 +1,9 @@
-// Helpers of the tests. ctest starts each test in a sandbox of its own
-// (sandbox/vyra-sandbox), where it writes the tool's fixed paths freely;
-// started anywhere else, a test binary refuses to run.
+// Helpers of the tests, which ctest starts each in a sandbox of its own
+// (sandbox/vyra-sandbox): there a test writes the tool's fixed paths freely.
 #ifndef VYRA_TEST_HELPER_H
 #define VYRA_TEST_HELPER_H
 
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <time.h>
 
 #include <filesystem>
@@ -46,13 +44,11 @@ inline Lines LogLines(const std::string &strPath)
 {
     Lines lines = Split(ReadFile(strPath));
     for (std::string &strLine : lines) {
-        bool blStamped = false;
-        for (time_t tEast = tStart + 5 * 3600; !blStamped && tEast <= time(nullptr) + 5 * 3600; ++tEast) {
-            char sz[32];
-            strftime(sz, sizeof(sz), "%Y/%m/%d %H:%M:%S\t", gmtime(&tEast));
-            blStamped = strLine.rfind(sz, 0) == 0;
-        }
-        strLine = blStamped ? strLine.substr(20) : "<no stamp>" + strLine;
+        struct tm tmStamp = {};
+        const bool blShaped = strptime(strLine.c_str(), "%Y/%m/%d %H:%M:%S", &tmStamp) == strLine.c_str() + 19;
+        const time_t tStamp = timegm(&tmStamp) - 5 * 3600;
+        strLine = blShaped && strLine[19] == '\t' && tStamp >= tStart && tStamp <= time(nullptr) ? strLine.substr(20)
+                                                                                                  : "<no stamp>" + strLine;
     }
     return lines;
 }
@@ -75,22 +71,20 @@ inline Lines Journal(const std::vector<std::string> &log)
 // strace writing /tmp/strace, failing the calls strInject names (if any).
 inline Lines Strace(const std::string &strInject, const Lines &options = {"--"})
 {
-    Lines argv = {"/usr/bin/strace", "-qq", "-o", "/tmp/strace"};
-    if (!strInject.empty())
-        argv.insert(argv.end(), {"-e", "inject=" + strInject});
+    Lines argv = {"/usr/bin/strace", "-qq", "-o", "/tmp/strace", "-e", "inject=" + strInject};
+    argv.resize(strInject.empty() ? 4 : 6);
     argv.insert(argv.end(), options.begin(), options.end());
     return argv;
 }
 
 // The environment for argv: local time five hours east of UTC, where a stamp
-// in UTC shows; under strace, no LeakSanitizer, which cannot trace then.
+// in UTC shows; under strace, no LeakSanitizer, which cannot trace then. The
+// first variable of a name is the one that counts.
 inline Lines Env(const Lines &argv)
 {
     Lines env = sandbox::DefaultEnv();
-    const char *szAsan = getenv("ASAN_OPTIONS");
-    env.push_back("TZ=XYZ-5");
-    if (argv[0] == "/usr/bin/strace")  // the first of a name counts
-        env.insert(env.begin(), std::string("ASAN_OPTIONS=") + (szAsan != nullptr ? szAsan : "") + ":detect_leaks=0");
+    const std::string strAsan = getenv("ASAN_OPTIONS") != nullptr ? getenv("ASAN_OPTIONS") : "";
+    env.insert(env.begin(), {"TZ=XYZ-5", "ASAN_OPTIONS=" + strAsan + (argv[0] == "/usr/bin/strace" ? ":detect_leaks=0" : "")});
     return env;
 }
 
