@@ -1,8 +1,8 @@
 /*
  * The floor: the least that the job can cost. It scans the update directory,
  * reads the build number once, orders the packages by small-fix number
- * (parsed once each), and per package does only what the design makes
- * unavoidable: one time-stamped banner line appended and synced, fork,
+ * (parsed once each), and per package does only what the job cannot do
+ * without: one time-stamped banner line appended and synced, fork,
  * redirect, exec dpkg, wait. One synced verdict line ends the run. Names are
  * trusted; nothing is reported.
  */
