@@ -18,11 +18,20 @@ logger -t standin -- "$0 $*" 2>/dev/null
 records=@RECORDS@
 name=${0##*/}
 how=
+# Builtins only from here to the record: a run of the tool starts dozens of
+# stand-ins, and each program started costs more than the reading it saves.
 for arg do
-    [ -f "$arg" ] && how=$(sed -n "s/^standin $name: //p" < "$arg" | head -n 1)
+    [ -f "$arg" ] || continue
+    while IFS= read -r line || [ -n "$line" ]; do
+        case $line in "standin $name: "*) how=${line#"standin $name: "}; break ;; esac
+    done < "$arg"
     [ -z "$how" ] || break
 done
-n=1
+# The next number is one past those taken; a stand-in that starts meanwhile
+# takes it first, and this one moves on.
+set -- "$records"/*
+[ -e "$1" ] || set --
+n=$(($# + 1))
 while ! mkdir "$records/$n" 2>/dev/null; do
     [ -d "$records" ] || exit 99
     n=$((n + 1))
@@ -30,19 +39,22 @@ done
 rec=$records/$n
 cat /proc/$$/cmdline > "$rec/cmdline"
 cat /proc/$$/environ > "$rec/environ"
-readlink /proc/$$/cwd > "$rec/cwd"
+pwd -P > "$rec/cwd"
 # Listed by a child shell that opens the record itself, as a redirection here
 # would show up among this shell's descriptors. The shell's own descriptors
 # are close-on-exec; inherited ones never are.
 sh -c '
 exec > "$2"
-for fd in $(ls /proc/$1/fd | sort -n); do
-    f=/proc/$1/fd/$fd
-    flags=$(sed -n "s/^flags:[[:space:]]*//p" /proc/$1/fdinfo/$fd 2>/dev/null)
-    [ -n "$flags" ] && [ $((0$flags & 02000000)) -eq 0 ] &&
-        echo "$fd $(readlink "$f")$([ $((0$flags & 3)) -eq 0 ] && echo " (read-only)")"
+fd=-1
+while [ $((fd += 1)) -lt 1024 ]; do
+    [ -h /proc/$1/fd/$fd ] || continue
+    while read -r key flags; do [ "$key" = flags: ] && break; done < /proc/$1/fdinfo/$fd
+    [ $((0$flags & 02000000)) -eq 0 ] || continue
+    mode=
+    [ $((0$flags & 3)) -ne 0 ] || mode=" (read-only)"
+    echo "$fd $(readlink /proc/$1/fd/$fd)$mode"
 done' sh $$ "$rec/fds"
-stat=$(cat /proc/$$/stat)
+read -r stat < /proc/$$/stat
 set -- ${stat##*) }
 echo "$$ $2 $4" > "$rec/ids"
 echo "stand-in $name: to standard output"
