@@ -6,7 +6,6 @@
 // log, in the event log and to the administrators, and appends one verdict
 // line to the update log. Exit status 0 when everything went through, 255
 // when nothing was found or anything was rejected or failed.
-#include <errno.h>
 #include <fcntl.h>
 #include <glob.h>
 #include <stdio.h>
@@ -60,10 +59,14 @@ void ReportPackage(const PACKAGE_REPORT &sReport, const std::string &strDebPath)
 // /dev/null the run goes on as it was started.
 void OpenMissingStandardDescriptors()
 {
-    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-        if (fcntl(fd, F_GETFD) == -1 && errno == EBADF)
-            (void)open("/dev/null", O_RDWR);
+    int fd = -1;
+
+    // An open takes the lowest free number: each one fills a gap in 0-2 until
+    // none is left, and the first that lands above them is not needed.
+    while ((fd = open("/dev/null", O_RDWR)) >= 0 && fd <= STDERR_FILENO) {
     }
+    if (fd > STDERR_FILENO)
+        close(fd);
 }
 
 }  // namespace
