@@ -155,11 +155,15 @@ Result RunLogged(const std::vector<std::string> &argv, const std::vector<std::st
 }
 
 // glibc sends "<PRI>Mmm dd hh:mm:ss TAG: TEXT"; what is kept is "<PRI>TEXT".
+// An empty datagram, a write of nothing to a standard error sent here (as
+// valgrind makes at exit), carries no message.
 std::vector<std::string> TakeLog()
 {
     std::vector<std::string> log;
     char buf[65536];
     for (ssize_t cb; (cb = recv(LogSocket(), buf, sizeof(buf), 0)) >= 0;) {
+        if (cb == 0)
+            continue;
         const std::string str(buf, static_cast<size_t>(cb));
         const size_t posPri = str.rfind('<', 0) == 0 ? str.find('>') + 1 : 0;
         const size_t posText = posPri > 0 ? str.find(": ", posPri + 16) : std::string::npos;
