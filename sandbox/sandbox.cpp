@@ -140,9 +140,9 @@ Result Run(const std::vector<std::string> &argv, const std::vector<std::string> 
     return Call([&argv, &env]() -> int { Exec(argv, env); });
 }
 
-Result RunLogged(const std::vector<std::string> &argv, const std::vector<std::string> &env)
+Result CallLogged(const std::function<int()> &fn)
 {
-    return Call([&argv, &env] {
+    return Call([&fn] {
         struct sockaddr_un addr = {};
         addr.sun_family = AF_UNIX;
         strcpy(addr.sun_path, "/dev/log");
@@ -150,8 +150,13 @@ Result RunLogged(const std::vector<std::string> &argv, const std::vector<std::st
         if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0 || dup2(fd, 2) != 2)
             return 126;
         close(fd);
-        Exec(argv, env);
+        return fn();
     });
+}
+
+Result RunLogged(const std::vector<std::string> &argv, const std::vector<std::string> &env)
+{
+    return CallLogged([&argv, &env]() -> int { Exec(argv, env); });
 }
 
 // glibc sends "<PRI>Mmm dd hh:mm:ss TAG: TEXT"; what is kept is "<PRI>TEXT".

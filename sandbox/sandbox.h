@@ -39,8 +39,9 @@ Result Run(const std::vector<std::string> &argv,
 // Replaces the process with argv[0] (no PATH search); if that fails, says why
 // on standard error and ends with 127.
 [[noreturn]] void Exec(const std::vector<std::string> &argv, const std::vector<std::string> &env);
-// Runs argv as Run does, but with its standard error sent to /dev/log, where
-// it shows in order with the system-log messages and the stand-ins' starts.
+// Call and Run, but with standard error sent to /dev/log, where it shows in
+// order with the system-log messages and the stand-ins' starts.
+Result CallLogged(const std::function<int()> &fn);
 Result RunLogged(const std::vector<std::string> &argv, const std::vector<std::string> &env = DefaultEnv());
 // The system-log datagrams that arrived since the last call: "<PRI>TEXT" for
 // what came in the system log's format, anything else as it came.
