@@ -6,6 +6,7 @@
 // log, in the event log and to the administrators, and appends one verdict
 // line to the update log. Exit status 0 when everything went through, 255
 // when nothing was found or anything was rejected or failed.
+#include <errno.h>
 #include <fcntl.h>
 #include <glob.h>
 #include <stdio.h>
@@ -59,14 +60,17 @@ void ReportPackage(const PACKAGE_REPORT &sReport, const std::string &strDebPath)
 // /dev/null the run goes on as it was started.
 void OpenMissingStandardDescriptors()
 {
-    int fd = -1;
-
-    // An open takes the lowest free number: each one fills a gap in 0-2 until
-    // none is left, and the first that lands above them is not needed.
-    while ((fd = open("/dev/null", O_RDWR)) >= 0 && fd <= STDERR_FILENO) {
+    // Only a closed descriptor costs an open: a run started as it should be
+    // makes the same system calls as before, so nothing about it moves.
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) != -1 || errno != EBADF)
+            continue;
+        // An open takes the lowest free number; should fcntl have been wrong,
+        // the /dev/null it brings lands above 2 and must not reach dpkg.
+        const int fdNull = open("/dev/null", O_RDWR);
+        if (fdNull > STDERR_FILENO)
+            close(fdNull);
     }
-    if (fd > STDERR_FILENO)
-        close(fd);
 }
 
 }  // namespace
