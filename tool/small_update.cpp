@@ -60,8 +60,8 @@ void ReportPackage(const PACKAGE_REPORT &sReport, const std::string &strDebPath)
 // /dev/null the run goes on as it was started.
 void OpenMissingStandardDescriptors()
 {
-    // Only a closed descriptor costs an open: a run started as it should be
-    // makes the same system calls as before, so nothing about it moves.
+    // Only a closed descriptor costs an open: a run started with 0-2 open
+    // opens nothing here, so its system calls are those of its work alone.
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
         if (fcntl(fd, F_GETFD) != -1 || errno != EBADF)
             continue;
