@@ -267,9 +267,17 @@ void VLIBCErrorBackTraceLog(void);
 void VLIBCErrorBackTracePanic(void);
 
 /*
- * Appends szLog and a newline to szFile (created if missing), then flushes and
- * syncs it. "%%" in szLog is written as "%"; any other "%" is written as is.
- * 0 on success; -1 with ERR_BAD_PARAMETERS, ERR_OPEN_FAILED or ERR_WRITE_FAILED.
+ * Appends szLog and one newline to szFile, creating the file if it is missing
+ * and never truncating it, then flushes and syncs it, and when the file was
+ * empty (new, or emptied by rotation) the directory that holds it too: the
+ * record is on the disk when the call returns. "%%" in szLog is written as
+ * "%"; any other "%" is written as it stands.
+ *   0                        the record was handed over; a failing flush,
+ *                            sync or close is ignored
+ *   -1, ERR_BAD_PARAMETERS   szFile or szLog is NULL; nothing is opened
+ *   -1, ERR_OPEN_FAILED      the file cannot be opened for appending
+ *   -1, ERR_WRITE_FAILED     the text or the newline cannot be written; a
+ *                            partial line may remain
  */
 int32_t VLIBCErrLogSet(const char *szFile, const char *szLog);
 
