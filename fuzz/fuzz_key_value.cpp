@@ -32,9 +32,9 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     // The file is rewritten for every input: in memory that costs little,
     // on a disk it would be most of the run.
     const char *szTmp = getenv("TMPDIR");
-    const std::string strDir = szTmp != nullptr && *szTmp ? szTmp
+    const std::string strDir = szTmp != nullptr && *szTmp      ? szTmp
                                : access("/dev/shm", W_OK) == 0 ? "/dev/shm"
-                                                                : "/tmp";
+                                                               : "/tmp";
     std::string strTemplate = strDir + "/fuzz-key-value.XXXXXX";
     const int fd = mkstemp(&strTemplate[0]);
     if (fd < 0)
@@ -54,7 +54,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const std::string strRest(reinterpret_cast<const char *>(data) + 2, size - 2);
     const size_t posKeyEnd = strRest.find('\n');
     const std::string strKey = strRest.substr(0, posKeyEnd);
-    const std::string strContent = posKeyEnd == std::string::npos ? "" : strRest.substr(posKeyEnd + 1);
+    const std::string strContent =
+        posKeyEnd == std::string::npos ? "" : strRest.substr(posKeyEnd + 1);
 
     FILE *pf = fopen(g_strFile.c_str(), "w");
     if (pf == nullptr)
@@ -65,9 +66,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const size_t cbBuffer = sizeMax > 0 ? static_cast<size_t>(sizeMax) : 1;
     std::unique_ptr<char[]> szValue(new char[cbBuffer]);
     memset(szValue.get(), 0x7f, cbBuffer);
-    const int32_t nResult = VLIBCFileGetKeyValue(g_strFile.c_str(), strKey.c_str(),
-                                                 sizeMax != 0 ? szValue.get() : nullptr, sizeMax, flag);
-    const int32_t nMeasured = VLIBCFileGetKeyValue(g_strFile.c_str(), strKey.c_str(), nullptr, 0, flag);
+    const int32_t nResult = VLIBCFileGetKeyValue(
+        g_strFile.c_str(), strKey.c_str(), sizeMax != 0 ? szValue.get() : nullptr, sizeMax, flag);
+    const int32_t nMeasured =
+        VLIBCFileGetKeyValue(g_strFile.c_str(), strKey.c_str(), nullptr, 0, flag);
 
     if (flag < 0 && nResult != -1)
         __builtin_trap();

@@ -1,10 +1,17 @@
 /*
- * libvyracore: the appliance's core library (subset used by the update tool).
+ * libvyracore: the appliance's core library (the subset the update tool uses).
  *
  * Conventions: a failing function returns its failure value (-1 for counts and
  * statuses, 0 for predicates, NULL for pointers) and records why with
- * VLIBCErrSetEx(); the record is never cleared on success, so look at a call's
- * result first and at vyraerrno only when it failed.
+ * VLIBCErrSetEx(): the code, and the source file and line of the statement
+ * that found the failure, which the appliance's other programs read. Arguments
+ * are checked first; a bad one is ERR_BAD_PARAMETERS. The record is never
+ * cleared on success: look at a call's result first, and at vyraerrno only
+ * when it failed. Each declaration below lists its results and records; those
+ * that record nothing for a failure say so: VLIBCStrTokIndex,
+ * VLIBCILineKeyMatch (no memory), VLIBCFileCloseLock, and VLIBCExecl and
+ * VLIBCExec (a program that cannot be started, a child that is no child of
+ * ours).
  */
 #ifndef VYRACORE_H
 #define VYRACORE_H
@@ -248,7 +255,13 @@ typedef enum _tag_VOLERR_ {
     VOLERR_FSSTAT
 } VOLERR;
 
-/* The process-wide error state: code of the last recorded failure. */
+/*
+ * The process-wide error state: the code of the last recorded failure, with
+ * the file and line that VLIBCErrorGetFile and VLIBCErrorGetLine give. It
+ * starts as ERR_SUCCESS, no file and line 0; every record replaces all three.
+ * One thread is assumed. The other three are the RAID, disk and volume errors
+ * of the appliance's other programs; nothing here reads or writes them.
+ */
 extern VYRAERR vyraerrno;
 extern RAIDERR gRaidErr;
 extern RAIDISKERR gDiskErr;
@@ -262,6 +275,7 @@ void VLIBCErrSetEx(VYRAERR errCode, const char *szFile, int32_t nLine);
 const char *VLIBCErrorGetFile(void);
 /* Line of the last record; 0 in the same cases. */
 int32_t VLIBCErrorGetLine(void);
+/* Empty: a back trace is not part of this subset. */
 void VLIBCErrorBackTracePrint(void);
 void VLIBCErrorBackTraceLog(void);
 void VLIBCErrorBackTracePanic(void);
@@ -282,36 +296,70 @@ void VLIBCErrorBackTracePanic(void);
 int32_t VLIBCErrLogSet(const char *szFile, const char *szLog);
 
 /*
- * Next non-empty token of the string at *szInput, cut at any byte of szSep
- * and NUL-terminated in place; *szInput moves past it (NULL after a token
- * that reached the end). NULL when none is left or an argument is NULL
- * (nothing recorded).
+ * The next non-empty token of the string that *szInput points into. Every
+ * separator (any byte of szSep) that ends a returned or skipped field is
+ * overwritten with NUL; runs of separators count as one, and leading ones are
+ * skipped. *szInput moves past the token, and is NULL after a token that
+ * reached the end. The state is the caller's cursor alone, so several strings
+ * can be cut at once, and every call may use other separators.
+ *   the token
+ *   NULL   no token is left, or szInput, *szInput or szSep is NULL; nothing is
+ *          recorded
  */
 char *VLIBCStrTokIndex(char **szInput, const char *szSep);
 /*
- * Removes TAB, LF, CR and SPACE at both ends, then one pair of enclosing
- * double quotes; into szOutput, or in place when it is NULL or szInput.
- * Length of the result; -1 with ERR_BAD_PARAMETERS for a NULL szInput or an
- * szOutput that starts inside szInput after its first byte.
+ * Removes white space at both ends of szInput, then one pair of double quotes
+ * that starts and ends what is left, on two different bytes; white space
+ * inside the quotes stays. White space is TAB, LF, CR and SPACE only: not VT,
+ * FF, nor any byte from 0x80 up. The result goes to szOutput, which has room
+ * for strlen(szInput) + 1 bytes and may start before szInput, or replaces
+ * szInput when szOutput is NULL or szInput. Nothing is written on a failure.
+ * So "  \"7321\" \r\n" gives 7321, "\" a \"" a blank, a and a blank, a lone
+ * double quote stays, two give "", and 'x' keeps its single quotes.
+ *   the length of the result
+ *   -1, ERR_BAD_PARAMETERS   szInput is NULL, or szOutput starts inside
+ *                            szInput after its first byte, up to and with its
+ *                            terminator
  */
 int32_t VLIBCStrTrimSpace(char *szInput, char *szOutput);
 
 /*
- * 1 when the line carries szKey (its text before the first "=", trimmed),
- * else 0; cuts szLine. 0 with ERR_BAD_PARAMETERS on a NULL argument.
+ * Whether one line of a key-value file carries szKey. The line's key is its
+ * text before the first "=" (leading "=" skipped), or the whole line when it
+ * has none, trimmed as by VLIBCStrTrimSpace and compared byte for byte with
+ * szKey as given. A line whose very first byte is "#" or ";" is a comment.
+ * szLine is cut at its first "=": pass a copy.
+ *   1                        the line carries the key
+ *   0                        it does not, or it is a comment or empty, or the
+ *                            scratch buffer cannot be had (nothing recorded)
+ *   0, ERR_BAD_PARAMETERS    szLine or szKey is NULL
  */
 int32_t VLIBCILineKeyMatch(char *szLine, const char *szKey);
 /*
- * Value of szKey in the key=value file szFile into szValue (sizeMax bytes);
- * bit 0 of flag set: the last line with the key wins, else the first.
- * Value length + 1; 0 with ERR_KEY_NOT_FOUND; -1 with ERR_BAD_PARAMETERS,
- * ERR_OPEN_FAILED or ERR_NOT_ENOUGH_MEMORY (szValue untouched). szValue NULL
- * with sizeMax 0 only measures.
+ * Reads into szValue, sizeMax bytes with the terminator, the value of szKey in
+ * szFile, a file of key=value lines of any length (the last may lack its LF):
+ * the text after the first "=" of a line that carries the key (see
+ * VLIBCILineKeyMatch) up to the LF, trimmed the same way. Bit 0 of flag clear:
+ * the first such line decides; set: the last one does; other bits are
+ * ignored. szValue NULL with sizeMax 0 only measures. A value that does not
+ * fit is not copied. After a line that carries the key without a value,
+ * szValue is left alone for the rest of the call. A read error ends the
+ * reading as the end of the file does.
+ *   the value's length + 1     a value was found, and copied if it fits
+ *   0, ERR_KEY_NOT_FOUND       no line carries the key with a value
+ *   -1, ERR_BAD_PARAMETERS     szFile or szKey NULL, a negative flag, or
+ *                              szValue NULL with sizeMax not 0
+ *   -1, ERR_OPEN_FAILED        the file cannot be opened for reading
+ *   -1, ERR_NOT_ENOUGH_MEMORY  the (last) value found does not fit
  */
-int32_t VLIBCFileGetKeyValue(const char *szFile, const char *szKey, char *szValue,
-                             int32_t sizeMax, int32_t flag);
+int32_t VLIBCFileGetKeyValue(const char *szFile, const char *szKey, char *szValue, int32_t sizeMax,
+                             int32_t flag);
 
-/* One lock file of the appliance; see rgslckList. */
+/*
+ * One lock file of the appliance. A row is free (no stream, count 0) or held:
+ * whatever takes the lock opens szFile, keeps the stream in pfFile and raises
+ * cLock, so that a forked child can drop what it inherited.
+ */
 typedef struct _tag_VLIB_LOCK_ {
     FILE *pfFile;       /* the open stream while this process holds the lock */
     const char *szFile; /* the lock file's path */
@@ -320,46 +368,68 @@ typedef struct _tag_VLIB_LOCK_ {
     int32_t type;
 } VLIBLOCK;
 
-/* The lock files under /tmp/lock: 28 rows, then a terminator (idFile 0). */
+/*
+ * The lock files under /tmp/lock: 28 rows, searched in this order (their bits
+ * are not in order, and the lowest four belong to no lock), then a
+ * terminator whose idFile is 0.
+ */
 extern VLIBLOCK rgslckList[29];
 
 /*
- * Zeroes every row's count and closes and forgets every held stream, even
- * after a failed close. 0, or -1 if a close failed; nothing is recorded.
+ * Frees every row up to the terminator: its count becomes 0, and a held stream
+ * is closed and forgotten even when the close fails.
+ *   0    every close succeeded
+ *   -1   a close failed; nothing is recorded
  */
 int32_t VLIBCFileCloseLock(void);
 
 /* Preparation of the child by VLIBCProcForkEx, applied in this order: */
-#define FORK_PATH_ONLY_ENV 0x08 /* the environment keeps PATH only */
+#define FORK_PATH_ONLY_ENV 0x08 /* the environment keeps PATH only (empty without one) */
 #define FORK_CLOSE_LOCKS 0x02   /* the lock files are closed */
-#define FORK_NULL_STDIO 0x01    /* descriptors 0-2 on /dev/null */
-#define FORK_CLOSE_ALL_FDS 0x04 /* lock files and descriptors 3 and up closed */
-#define FORK_DETACH 0x40        /* double fork: the program runs on as a grandchild */
-#define FORK_NEW_SESSION 0x20   /* a session of its own */
+#define FORK_NULL_STDIO 0x01    /* 0-2 on /dev/null, or as they are without it */
+#define FORK_CLOSE_ALL_FDS 0x04 /* the lock files, and 3 to the open-file limit, closed */
+#define FORK_DETACH 0x40        /* forks again; the program runs on as a grandchild */
+#define FORK_NEW_SESSION 0x20   /* a session of its own (the grandchild's, detached) */
 #define FORK_CHDIR_ROOT 0x10    /* "/" as working directory */
 
 /*
- * Flushes every output stream, forks and prepares the child as flag asks.
- * 0 in the child; the child's id in the caller, or 1 with FORK_DETACH once
- * the intermediate child has ended well. -1 on failure (ERR_FORK_FAIL when
- * the fork fails).
+ * Flushes every output stream, so that nothing buffered is written twice,
+ * forks, and prepares the child as the FORK_ bits of flag ask; other bits are
+ * ignored. With FORK_DETACH the caller waits for the intermediate child only;
+ * should its second fork fail, that is told to the system log and it ends
+ * with 255.
+ *   0                    in the child
+ *   the child's id       in the caller, without FORK_DETACH
+ *   1                    with FORK_DETACH, once the intermediate child ended
+ *                        with exit code 0 (a signal counts so) or was reaped
+ *                        elsewhere
+ *   -1, ERR_FORK_FAIL    the fork failed
+ *   -1                   with FORK_DETACH, the intermediate child ended with
+ *                        another code or could not be waited for
  */
 pid_t VLIBCProcForkEx(int32_t flag);
 /*
- * Runs szPath (no PATH search) with the arguments up to the first NULL in a
- * child prepared as flag asks, and waits for it. The exit code 0-255 (255
- * too when the program cannot be started); 0 when the child cannot be
- * waited for because it is no child of ours; -1 with ERR_OP_FAILURE when it
- * was killed by a signal, the fork or the wait failed, or a detach failed.
+ * Runs szPath (as given, no PATH search; also its argument 0) with the
+ * arguments up to the first NULL, in a child that VLIBCProcForkEx(flag)
+ * prepared, and waits for it without a time-out, repeating an interrupted
+ * wait. SIGCHLD's SA_NOCLDWAIT is cleared for the call, and set again after
+ * it on the action as it then is if it was set before.
+ *   0-255                the program's exit code; 255 also when it cannot be
+ *                        started (nothing recorded)
+ *   0                    the child is no child of ours, as for a caller that
+ *                        ignores SIGCHLD (nothing recorded); with FORK_DETACH,
+ *                        once the intermediate child ended well
+ *   -1, ERR_OP_FAILURE   the program was killed by a signal, or the fork, the
+ *                        wait or the detach failed
  */
 int32_t VLIBCExecl(const char *szPath, int32_t flag, const char *szArg, ...);
 /*
- * VLIBCExecl with FORK_NULL_STDIO, FORK_CLOSE_LOCKS, FORK_PATH_ONLY_ENV,
- * FORK_CHDIR_ROOT and FORK_NEW_SESSION (0x3B) and up to four arguments; a
- * NULL argument ends the list.
+ * VLIBCExecl with FORK_NULL_STDIO | FORK_CLOSE_LOCKS | FORK_PATH_ONLY_ENV |
+ * FORK_CHDIR_ROOT | FORK_NEW_SESSION (0x3B) and up to four arguments, the
+ * first NULL ending the list; its results.
  */
-int32_t VLIBCExec(const char *szPath, const char *szArg1, const char *szArg2,
-                  const char *szArg3, const char *szArg4);
+int32_t VLIBCExec(const char *szPath, const char *szArg1, const char *szArg2, const char *szArg3,
+                  const char *szArg4);
 
 #ifdef __cplusplus
 }

@@ -35,9 +35,9 @@ struct PACKAGE_REPORT {
 };
 
 const PACKAGE_REPORT REPORT_REJECTED = {"Unexpected Debian [", "], skip install.\n", "0x11B01030",
-                                 "update:small_update_check_failed"};
+                                        "update:small_update_check_failed"};
 const PACKAGE_REPORT REPORT_INSTALL_FAILED = {"Failed to install [", "]\n", "0x11B01031",
-                                      "update:small_update_install_failed"};
+                                              "update:small_update_install_failed"};
 
 // Standard error, system log, event log, administrators: always all four, in
 // this order. The message is assembled here and handed on as an argument,

@@ -107,8 +107,8 @@ bool ExecDpkg(const std::string &strParam, const std::string &strDebianName,
     int status = 0;
     // Always three fields: an empty folder still leaves its blank before "]",
     // so every banner in the log has the same shape.
-    std::string strMsg = " ===========[" + strParam + " " + strDebianName + " " +
-                         strDestFolder + "]===========";
+    std::string strMsg =
+        " ===========[" + strParam + " " + strDebianName + " " + strDestFolder + "]===========";
 
     // Written before the fork, so the banner precedes dpkg's own output.
     WriteUpdateLog(strMsg, SZ_INSTALLER_LOG);

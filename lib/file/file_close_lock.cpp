@@ -1,12 +1,12 @@
 /*
- * The process-wide table of the appliance's lock files, and
- * VLIBCFileCloseLock(), which closes every lock stream the process holds.
+ * The table of the appliance's lock files, and the one operation on it that
+ * this program needs: a forked child drops the lock streams it inherited
+ * (FORK_CLOSE_LOCKS), so that a program it starts cannot keep a lock of its
+ * caller's alive. The child has its own copy of the table, and closing its
+ * streams leaves the parent's locks as they are.
  *
- * A row is free (pfFile NULL, cLock 0) or held (pfFile open, cLock >= 1).
- * Whatever takes a lock opens szFile, keeps the stream in pfFile and raises
- * cLock, so that a forked child can drop what it inherited. The rows are
- * searched in table order; the bit values are not in order, and the four
- * lowest bits belong to no lock. A row with idFile 0 ends the table.
+ * The rows stand in the appliance's order, which its other programs search
+ * in; the bit values are theirs too, out of order as they are.
  */
 #include <stdint.h>
 
@@ -44,11 +44,7 @@ VLIBLOCK rgslckList[29] = {
     {nullptr, "", 0, 0, 0},
 };
 
-/*
- * Every row is visited and left free even when a close fails, so that no
- * stream outlives the call; the failure only shows in the result. Nothing is
- * recorded in the error state.
- */
+/* Every row is visited and freed even after a failed close: no stream outlives the call. */
 int32_t VLIBCFileCloseLock(void)
 {
     int32_t ret = 0;

@@ -1,35 +1,36 @@
 /*
- * VLIBCFileGetKeyValue(szFile, szKey, szValue, sizeMax, flag): reads the value
- * of the key szKey from the key-value file szFile into szValue.
+ * The appliance's key-value files, VERSION among them, are written by several
+ * programs and edited by hand, so the reader takes lines as they come: of any
+ * length, with blanks and double quotes around keys and values, CR-LF ends,
+ * comments, and a last line without its LF.
  *
- * The file is a text of lines of the form key=value, read one line at a time
- * with no length limit; the last line may lack its LF. Which lines carry the
- * key is VLIBCILineKeyMatch's rule. The value is the text after the first
- * "=" up to the LF (further "=" belong to it), cleaned like the key: white
- * space at both ends, then one pair of double quotes.
+ * Lines are read with getline, not into a buffer of fixed size: a fixed buffer
+ * would split a long line (a comment, a pasted value), and the tail of the
+ * line could then pass for a line of its own, with a key of its own.
  *
- * flag: bit 0 clear, the first line that carries the key decides and the
- * reading stops there; bit 0 set, the whole file is read and the last such
- * line wins. Other bits are ignored; a negative flag is refused.
+ * The key test cuts what it is given at its first "=", so it is handed a copy
+ * of each line and the value is taken from the line as read. The value runs
+ * to the LF that getline keeps; a CR before it is white space, which the trim
+ * removes with the blanks.
  *
- * sizeMax is the size of szValue, terminator included. szValue NULL with
- * sizeMax 0 only measures. A value that does not fit is not copied, and
- * szValue keeps what it held. After a matching line with no value at all
- * (no "=", or nothing after it) the output buffer is left alone for the rest
- * of the call, and the size check at the end is skipped with it.
+ * With bit 0 of flag clear the reading stops at the first line that carries
+ * the key: the update tool reads the build number afresh for every package
+ * name it judges, thousands of times in a run, and the key is near the top.
  *
- * Results and records:
- *   value length + 1        a value was found (and copied, if it fit)
- *    0, ERR_KEY_NOT_FOUND   no line carries the key with a value
- *   -1, ERR_BAD_PARAMETERS  NULL szFile or szKey, negative flag, or NULL
- *                           szValue with a non-zero sizeMax
- *   -1, ERR_OPEN_FAILED     the file cannot be opened for reading
- *   -1, ERR_NOT_ENOUGH_MEMORY  the (last) value found is longer than
- *                           sizeMax - 1 bytes
- * A read error in the middle of the file ends the reading like the end of
- * the file does; what was found up to there is reported. The file is opened
- * for reading only and closed before the call returns, and both line buffers
- * are freed on every path.
+ * A value that does not fit is refused, never cut short: a build number of
+ * 26681 cut to 2668 would accept the packages made for another build. The
+ * code recorded for it, ERR_NOT_ENOUGH_MEMORY, is the library's own choice and
+ * stays, as the appliance's programs know it.
+ *
+ * A line that carries the key without a value makes the rest of the call
+ * leave the buffer alone, the size check at the end included: that is how the
+ * library has always behaved, and it stays so.
+ *
+ * A read error in the middle of the file ends the reading as its end does,
+ * and what was found up to there counts: the tool reads VERSION again for
+ * the next name it judges. The copy of a line is not checked either: a copy
+ * that fails hands NULL to the key test, which matches nothing, and the line
+ * is skipped as one without the key.
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -37,8 +38,8 @@
 
 #include "vlibc_err.h"
 
-int32_t VLIBCFileGetKeyValue(const char *szFile, const char *szKey, char *szValue,
-                             int32_t sizeMax, int32_t flag)
+int32_t VLIBCFileGetKeyValue(const char *szFile, const char *szKey, char *szValue, int32_t sizeMax,
+                             int32_t flag)
 {
     FILE *pfKey = nullptr;
     char *szLine = nullptr;
@@ -47,8 +48,7 @@ int32_t VLIBCFileGetKeyValue(const char *szFile, const char *szKey, char *szValu
     int32_t retlen = 0;
     BOOL fFailed = FALSE;
 
-    if (szFile == nullptr || szKey == nullptr || flag < 0 ||
-        (szValue == nullptr && sizeMax != 0)) {
+    if (szFile == nullptr || szKey == nullptr || flag < 0 || (szValue == nullptr && sizeMax != 0)) {
         VLIBC_ERR_RECORD(ERR_BAD_PARAMETERS, 52);
         return -1;
     }

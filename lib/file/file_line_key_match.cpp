@@ -1,24 +1,24 @@
 /*
- * VLIBCILineKeyMatch(szLine, szKey): whether one line of a key-value file
- * carries the key szKey. A building block of VLIBCFileGetKeyValue.
+ * A building block of VLIBCFileGetKeyValue, apart from it so that the rule of
+ * which line carries a key is written once for every reader of the
+ * appliance's files.
  *
- * The line's key is the text before its first "=", or the whole line when
- * it has none, cleaned with VLIBCStrTrimSpace (white space at both ends,
- * then one pair of double quotes); leading "=" bytes are skipped. It is
- * compared byte for byte, case-sensitively, with szKey, which is used as
- * given. A line whose very first byte is "#" or ";" is a comment and never
- * matches; a line that starts with white space and then "#" is not a
- * comment, and its key is "#...".
+ * The key is cut from the line in place, with VLIBCStrTokIndex at "=", which
+ * skips leading "=" as it skips every empty field: that is why the caller
+ * hands over a copy. The key is then trimmed into a scratch buffer, not in
+ * the line, so that the caller's copy is cut once and no more.
  *
- * szLine is cut at its first "=" (a NUL is written there): pass a copy.
+ * Only the very first byte makes a comment: the appliance's writers put "#"
+ * and ";" in the first column, and a line that starts with blanks is data,
+ * however odd its key.
  *
- * Results and records:
- *   1                       the line carries the key
- *   0                       it does not, or it is a comment or empty
- *   0, ERR_BAD_PARAMETERS   szLine or szKey is NULL
- *   0                       the scratch buffer cannot be allocated; nothing
- *                           is recorded, as the lookup goes on to the next
- *                           line either way
+ * The key asked for is compared as given, case and blanks included: callers
+ * name their keys exactly, and trimming them would hide a caller's mistake.
+ *
+ * Without memory for the scratch buffer the line counts as not carrying the
+ * key, and nothing is recorded: the lookup goes on to the next line either
+ * way, and a record here would stand in for the lookup's own, which tells
+ * its caller what was found.
  */
 #include <stdlib.h>
 #include <string.h>

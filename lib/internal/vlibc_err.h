@@ -22,7 +22,8 @@ constexpr int32_t VlibcLineAt()
  * Records code with the reporting statement's file and line. Only the base
  * name of the file is kept, so that records and messages carry no build paths.
  */
-#define VLIBC_ERR_RECORD(code, line) VLIBCErrSetEx((code), __FILE_NAME__, VlibcLineAt<__LINE__, (line)>())
+#define VLIBC_ERR_RECORD(code, line) \
+    VLIBCErrSetEx((code), __FILE_NAME__, VlibcLineAt<__LINE__, (line)>())
 
 /* A system-log message at LOG_ERR led by "%s:%d ", its line held the same way. */
 #define VLIBC_SYSLOG_AT(line, szFormat, ...) \

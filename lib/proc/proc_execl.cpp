@@ -1,27 +1,27 @@
 /*
- * VLIBCExecl(szPath, flag, szArg, ...): runs the program szPath with the
- * arguments up to the first NULL in a child prepared by VLIBCProcForkEx(flag),
- * and waits for it.
+ * SIGCHLD's SA_NOCLDWAIT makes the kernel reap children itself, and the wait
+ * for the program would then fail: it is cleared for the call, and set again
+ * after it only if it was set at entry, on the action as it then is, so that
+ * nothing else of the caller's action is undone. A caller that ignores
+ * SIGCHLD altogether has its children reaped all the same; the wait finds no
+ * child, and the result is 0 as the appliance's programs have always seen it.
  *
- * The program gets argv = {szPath, szArg, ..., NULL}: szPath is used as
- * given, with no PATH search, and is also its argument 0. Arguments after
- * the first NULL are never looked at.
+ * The arguments are walked twice, once to count them and once to fill an
+ * argument vector of exactly that size: a variable argument list cannot be
+ * measured otherwise, and the child allocates nothing it does not use.
  *
- * The caller's SIGCHLD action is changed for the call: SA_NOCLDWAIT is
- * cleared, so that the child can be waited for, and set again afterwards on
- * the action as it then is, but only if it was set at entry. A caller that
- * ignores SIGCHLD altogether gets 0: the kernel reaps the child, and the
- * wait finds no child. Interrupted waits are repeated; there is no time-out.
+ * A program that cannot be started, and an argument vector that cannot be
+ * allocated, end the child with exit(-1), status 255: the caller reads "could
+ * not start" rather than a crash. It is exit, not _exit, so that the exit
+ * handlers of the library's users run; the streams were flushed before the
+ * fork and are not written twice.
  *
- * Results and records:
- *   n (0-255)            the program exited with code n
- *   255                  the program could not be started (the child's
- *                        exit(-1)); indistinguishable from an exit with 255
- *   0                    the child could not be waited for because it is no
- *                        child of ours (ECHILD); with FORK_DETACH, as soon
- *                        as the intermediate child has ended well
- *   -1, ERR_OP_FAILURE   the program was killed by a signal, the fork or
- *                        the wait failed, or a detach failed
+ * The wait is repeated when a signal interrupts it, without a time-out: dpkg
+ * ends when it ends, and a wait cut short would report a running program.
+ *
+ * Every failure leaves one record, made at the end: it replaces a failed
+ * fork's own ERR_FORK_FAIL, so a caller of this function always finds
+ * ERR_OP_FAILURE.
  */
 #include <errno.h>
 #include <signal.h>
@@ -61,7 +61,8 @@ int32_t VLIBCExecl(const char *szPath, int32_t flag, const char *szArg, ...)
             size_t idx = 0;
             argv[idx++] = const_cast<char *>(szPath);
             va_start(apArgs, szArg);
-            for (const char *szNext = szArg; szNext != nullptr; szNext = va_arg(apArgs, const char *))
+            for (const char *szNext = szArg; szNext != nullptr;
+                 szNext = va_arg(apArgs, const char *))
                 argv[idx++] = const_cast<char *>(szNext);
             va_end(apArgs);
         }
@@ -85,7 +86,6 @@ int32_t VLIBCExecl(const char *szPath, int32_t flag, const char *szArg, ...)
 
     RestoreNoChildWait(nFlagsAtEntry);
 
-    /* One record for every failure; it replaces a failed fork's own. */
     if (ret == -1)
         VLIBC_ERR_RECORD(ERR_OP_FAILURE, 90);
     return ret;
@@ -102,12 +102,7 @@ static void RestoreNoChildWait(int nFlagsAtEntry)
     sigaction(SIGCHLD, &saNow, nullptr);
 }
 
-/*
- * In the child. Ends through exit(-1), status 255, when the program cannot
- * be started, and also when the argument vector could not be allocated, so
- * that both read as "could not start" rather than as a crash. Exit handlers
- * run; the streams were flushed before the fork and are not written twice.
- */
+/* In the child, which it ends when the program cannot be started. */
 static void ExecChild(const char *szPath, char **argv)
 {
     if (argv != nullptr)

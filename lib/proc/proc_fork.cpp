@@ -1,33 +1,33 @@
 /*
- * VLIBCProcForkEx(flag): forks, with every output stream flushed first so
- * that nothing buffered is written twice, and prepares the child as the
- * flag bits ask, in this order (other bits are ignored):
+ * The child is prepared in a fixed order, whatever order the flag bits come
+ * in, as each step relies on what the one before it left:
+ *   PATH only      first: nothing else of the caller's environment is left
+ *                  for the later steps, or for the program, to read
+ *   lock streams   closed as streams, with VLIBCFileCloseLock, before any
+ *                  descriptor could be closed under a stream
+ *   /dev/null      on 0-2 before 3 and up are closed, so that the three
+ *                  survive the closing
+ *   3 and up       closed up to the open-file limit, lock files or not
+ *   detach         the second fork before the new session: the grandchild,
+ *                  which goes on, leads the session, while the intermediate
+ *                  child, which ends at once, leads none
+ *   new session    after the detach, for that reason
+ *   "/"            last, once nothing else needs the caller's directory
  *
- *   FORK_PATH_ONLY_ENV  the environment is emptied except for PATH (a child
- *                       without PATH ends with an empty environment)
- *   FORK_CLOSE_LOCKS    the lock streams of rgslckList are closed
- *   FORK_NULL_STDIO     descriptors 0, 1 and 2 become /dev/null (skipped if
- *                       /dev/null cannot be opened)
- *   FORK_CLOSE_ALL_FDS  the lock streams are closed as for FORK_CLOSE_LOCKS,
- *                       and descriptors from 3 up to the open-file limit
- *                       minus one; 0-2 survive, as they were redirected first
- *   FORK_DETACH         the child forks again and ends at once; the
- *                       grandchild goes on as the child
- *   FORK_NEW_SESSION    the child starts a session of its own; after the
- *                       detach, so that the grandchild leads it
- *   FORK_CHDIR_ROOT     the working directory becomes "/"
+ * A detaching caller waits for the intermediate child only, and judges it by
+ * its exit-code byte alone: a child ended by a signal has a byte of 0 and so
+ * counts as ended well, as the appliance's programs have always seen it. A
+ * wait that finds no child means that someone else reaped it, after it ended;
+ * that counts as ended well too.
  *
- * Results and records:
- *   0                   in the child
- *   the child's id      in the caller, without FORK_DETACH
- *   1                   in the caller with FORK_DETACH, once the intermediate
- *                       child has ended with exit code 0 (or by a signal,
- *                       whose exit-code byte is 0) or was reaped elsewhere
- *   -1, ERR_FORK_FAIL   the fork failed
- *   -1                  with FORK_DETACH, the intermediate child ended with a
- *                       non-zero exit code or could not be waited for
- * A failing second fork under FORK_DETACH is reported in the system log
- * only, and the intermediate child ends with 255.
+ * The function returns in the child as well as in the caller, like fork
+ * itself, so that the caller's code decides what the child then runs:
+ * VLIBCExecl runs a program, and the appliance's daemons run on as the
+ * detached grandchild. Apart from the detach's second fork, which ends the
+ * intermediate child with 255 and a line in the system log, no step of the
+ * preparation reports a failure: a step that fails leaves the child as it
+ * was, and it goes on, as a program started with a little more of its
+ * caller's surroundings is better than one that does not start at all.
  */
 #include <errno.h>
 #include <fcntl.h>

@@ -1,15 +1,13 @@
 /*
- * VLIBCStrTokIndex(szInput, szSep): hands out the next non-empty token of the
- * string that *szInput points into and advances *szInput past it.
+ * strsep does the cutting; what is added is the skipping of empty fields, so
+ * that runs of separators count as one and a leading separator is skipped,
+ * as the key-value lookup needs for lines such as "=key=value". Unlike
+ * strtok, it keeps no state of its own: the caller's cursor is all, so the
+ * lookup can cut a line at "=" and then at LF, and cut two strings at once.
  *
- * Each separator that ends a returned or skipped field is overwritten with
- * NUL in the caller's string; runs of separators count as one, leading ones
- * are skipped, and once no token is left the result is NULL (the cursor is
- * NULL after the last token that reached the end). The state lives in the
- * caller's cursor only, so several strings can be cut at once and every call
- * may use other separators.
- *
- * A NULL szInput, *szInput or szSep gives NULL and records nothing.
+ * Bad arguments give NULL without a record: NULL is also the normal end of
+ * the tokens, and a caller that loops until NULL must not find a stale
+ * record of its own loop's last call.
  */
 #include <string.h>
 

@@ -1,46 +1,46 @@
 /*
- * VLIBCStrTrimSpace(szInput, szOutput): removes white space at both ends of
- * szInput and then one pair of enclosing double quotes, and returns the
- * length of what is left.
+ * The key-value lookup cleans every key and value with this function, so
+ * that the appliance's lines buildnumber="7321", buildnumber = 7321 and
+ * "buildnumber" = "7321" all read alike, and a file with CR-LF line ends
+ * reads like one without.
  *
- * White space is exactly TAB, LF, CR and SPACE. Vertical tab and form feed
- * are not white space, and bytes from 0x80 up never are, whether char is
- * signed or not. The only quote is the double quote (0x22): a span that
- * starts and ends with one, on two different bytes, loses both; white space
- * inside the quotes stays, and only one pair is removed.
+ * White space is exactly the four bytes that the appliance's writers put
+ * around keys and values: TAB, LF, CR and SPACE. Vertical tab and form feed
+ * never stand there and stay, and a byte from 0x80 up is part of a name in
+ * UTF-8, never a blank, whether char is signed or not.
  *
- * Modes:
- *   szOutput NULL or equal to szInput   the result replaces szInput
- *   any other szOutput                  the result is copied there; the
- *                                       caller provides strlen(szInput) + 1
- *                                       bytes, and szInput is not changed
+ * Values are written with one pair of double quotes around them, so one pair
+ * is removed: a quote inside a value, or a lone one, is data. The quotes must
+ * be two different bytes, else a value of one quote would lose it twice.
+ * Single quotes are data too.
  *
- * An output that starts inside szInput after its first byte (up to and
- * including its terminator) is refused, since the copy would run over bytes
- * still to be read. One that starts before szInput may overlap it: the copy
- * moves forward and is overlap-safe.
+ * It works in place for the key-value lookup, which has no buffer to spare,
+ * and into a separate output for the key test, which must not cut the line
+ * twice. An output that is the input itself counts as in place, as a caller
+ * that passes one buffer for both means. An output that starts inside the
+ * input after its first byte would be overwritten before it is read, as the
+ * copy runs forward: it is refused, never silently garbled. The terminator
+ * belongs to the input, so an output that starts on it is refused as well.
+ * The addresses are compared as integers, as comparing pointers into
+ * different objects is not defined in C++.
  *
- * Examples (result, return):
- *   two spaces, "7321", space, CR, LF    7321, 4
- *   " a " in double quotes               space a space, 3
- *   one double quote                     unchanged, 1
- *   two double quotes                    empty, 0
- *   'x' in single quotes                 unchanged, 3
- *   VT, space, x, space, FF              unchanged, 5
- *   three spaces                         empty, 0
+ * Nothing is allocated, and the result is copied at most once: this runs for
+ * every line of every key-value file the lookup reads, thousands of times in
+ * a run of the update tool.
  *
- * Results and records:
- *   -1, ERR_BAD_PARAMETERS  szInput is NULL
- *   -1, ERR_BAD_PARAMETERS  szOutput lies inside szInput (see above)
- *   the result's length     otherwise
- * Nothing is written on a failure.
+ * A failed call writes nothing: the caller's buffers stay as they were.
  *
- * The key-value lookup cleans keys and values with this function, so the
- * lines buildnumber="7321", buildnumber = 7321 and "buildnumber" = "7321"
- * all read alike, and CR-LF line ends are accepted.
+ * White space is a bit test of its own, not isspace: isspace follows the
+ * locale and takes VT and FF, and the library serves programs that set a
+ * locale as well as this one, which never does.
  *
- * Allocates nothing; reads the string once from each end and copies the
- * result at most once.
+ * The result is always a string: a text of blanks only, or an empty one,
+ * leaves a single NUL, and the length returned is what the lookup counts its
+ * value's size from (length + 1).
+ *
+ * Where the quotes are removed, the span is simply narrowed by one byte at
+ * each end before the one copy, rather than copied a second time without
+ * them.
  */
 #include <stdint.h>
 #include <string.h>
