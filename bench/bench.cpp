@@ -43,7 +43,8 @@ Sample Measure(const std::vector<std::string> &argv)
     Sample sample;
     int nStatus = -1;
     if (sscanf(res.out.c_str(), "%lf %ld %d", &sample.dWall, &sample.cKiB, &nStatus) != 3) {
-        fprintf(stderr, "bench: %s did not run: %s%s\n", argv[0].c_str(), res.out.c_str(), res.err.c_str());
+        fprintf(stderr, "bench: %s did not run: %s%s\n", argv[0].c_str(), res.out.c_str(),
+                res.err.c_str());
         exit(1);
     }
     return sample;
@@ -82,7 +83,8 @@ long StrippedSize(const std::string &strStrip, const std::string &strBinary)
     const std::string strCopy = "/tmp/vyra-bench-stripped." + std::to_string(getpid());
     const std::string strCommand = strStrip + " -o " + strCopy + " " + strBinary + " 2>/dev/null";
     struct stat st;
-    const long cb = system(strCommand.c_str()) == 0 && stat(strCopy.c_str(), &st) == 0 ? st.st_size : -1;
+    const long cb =
+        system(strCommand.c_str()) == 0 && stat(strCopy.c_str(), &st) == 0 ? st.st_size : -1;
     unlink(strCopy.c_str());
     return cb;
 }
@@ -97,7 +99,8 @@ void Overhead(int cRuns, const std::vector<int> &sizes)
 
     printf("Each figure is the median of %d runs; dpkg is a static program that does nothing.\n\n",
            cRuns);
-    printf("%9s  %-13s %10s %14s %10s\n", "packages", "program", "wall (s)", "per package", "peak RSS");
+    printf("%9s  %-13s %10s %14s %10s\n", "packages", "program", "wall (s)", "per package",
+           "peak RSS");
     for (const int cPackages : sizes) {
         Machine();
         fs::copy_file(VYRA_BENCH_NOOP, "/usr/bin/dpkg", fs::copy_options::overwrite_existing);
@@ -145,8 +148,9 @@ void RealDpkg(int cRuns)
     Machine();
     for (int i = 0; i < cPackages; ++i) {
         const std::string strPackage = "vyra-bench-" + std::to_string(i);
-        const std::string strName = strPackage + "_1.0-2668-s" + std::to_string(cPackages - i) + "_all.deb";
-        if (!sandbox::BuildDeb(strPackage, "/bench-packages/" + strName)) {
+        const std::string strName =
+            strPackage + "_1.0-2668-s" + std::to_string(cPackages - i) + "_all.deb";
+        if (!sandbox::BuildDeb({strPackage}, "/bench-packages/" + strName)) {
             fprintf(stderr, "bench: dpkg-deb could not build %s\n", strName.c_str());
             exit(1);
         }
@@ -155,7 +159,8 @@ void RealDpkg(int cRuns)
     fs::copy("/var/lib/dpkg", "/bench-dpkg", fs::copy_options::recursive);
     const std::vector<Program> programs = {
         {"small_update", {VYRA_TOOL}},
-        {"dpkg -i each", {"/bin/sh", "-c", "for f in /smallupd@te/*.deb; do dpkg -i \"$f\"; done"}}};
+        {"dpkg -i each",
+         {"/bin/sh", "-c", "for f in /smallupd@te/*.deb; do dpkg -i \"$f\"; done"}}};
     printf("%d tiny real packages, the real dpkg; each figure is the median of %d runs, each\n"
            "on a fresh copy of this machine's package database.\n\n",
            cPackages, cRuns);
@@ -172,7 +177,8 @@ void RealDpkg(int cRuns)
         }
         medians[program.szName] = Median(samples);
         printf("%-14s %10.3f %11.1f ms %7.1f MiB\n", program.szName, medians[program.szName].dWall,
-               medians[program.szName].dWall / cPackages * 1e3, medians[program.szName].cKiB / 1024.0);
+               medians[program.szName].dWall / cPackages * 1e3,
+               medians[program.szName].cKiB / 1024.0);
     }
     printf("\nsmall_update / dpkg -i each: %.2fx\n",
            medians["small_update"].dWall / medians["dpkg -i each"].dWall);

@@ -47,7 +47,7 @@ int Demo()
         const std::string strPath = kDir + sample.szFile;
         if (sample.szPackage == nullptr)
             sandbox::WriteFile(strPath, "!<arch>\nthis is not a Debian archive\n");
-        else if (!sandbox::BuildDeb(sample.szPackage, strPath))
+        else if (!sandbox::BuildDeb({sample.szPackage}, strPath))
             return fprintf(stderr, "demo: dpkg-deb could not build %s\n", sample.szFile), 1;
         printf("  %-36s %s\n", sample.szFile, sample.szWhy);
     }
@@ -58,8 +58,9 @@ int Demo()
 
     printf("\n$ small_update\n");
     const sandbox::Result res = sandbox::RunLogged({VYRA_TOOL});
-    Section("exit status", std::to_string(res.Code()) +
-                               "  (0: everything installed; 255: nothing found, or something was refused or failed)\n");
+    Section("exit status",
+            std::to_string(res.Code()) + "  (0: everything installed; 255: nothing found, or "
+                                         "something was refused or failed)\n");
     std::string strJournal;
     for (const std::string &strMessage : res.log) {
         if (strMessage.rfind("<13>", 0) == 0)
@@ -72,11 +73,13 @@ int Demo()
     Section("what it said, in order: standard error, the system log (LOG_ERR, user facility)\n"
             "and each start of an appliance tool",
             strJournal);
-    Section("/var/log/vyraupdate.log (one verdict line per run)", sandbox::ReadFile("/var/log/vyraupdate.log"));
+    Section("/var/log/vyraupdate.log (one verdict line per run)",
+            sandbox::ReadFile("/var/log/vyraupdate.log"));
     Section("/var/log/dpkg_upgrade.log (banner, dpkg's own output, failures)",
             sandbox::ReadFile("/var/log/dpkg_upgrade.log"));
-    const sandbox::Result installed = sandbox::Run(
-        {"/usr/bin/dpkg-query", "-W", "-f=${Package} ${db:Status-Abbrev}\n", "vyra-*", "smallupdate"});
+    const sandbox::Result installed =
+        sandbox::Run({"/usr/bin/dpkg-query", "-W", "-f=${Package} ${db:Status-Abbrev}\n", "vyra-*",
+                      "smallupdate"});
     Section("what dpkg now has installed (ii = installed)", installed.out + installed.err);
     printf("\nThe sandbox is gone when this ends; nothing on this machine changed.\n");
     return 0;
@@ -87,7 +90,9 @@ int Demo()
 int main()
 {
     if (!sandbox::Inside()) {
-        fprintf(stderr, "demo: it places files on the system's own paths: run it through scripts/demo.sh\n");
+        fprintf(
+            stderr,
+            "demo: it places files on the system's own paths: run it through scripts/demo.sh\n");
         return 1;
     }
     printf("small_update, once, on sample packages. Everything happens in a throw-away\n"

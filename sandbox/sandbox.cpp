@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -76,7 +77,8 @@ int Result::Code() const
 
 std::vector<std::string> DefaultEnv()
 {
-    std::vector<std::string> env = {"PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"};
+    std::vector<std::string> env = {
+        "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"};
     for (const char *szName : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
         if (const char *szValue = getenv(szName))
             env.push_back(std::string(szName) + "=" + szValue);
@@ -147,7 +149,8 @@ Result CallLogged(const std::function<int()> &fn)
         addr.sun_family = AF_UNIX;
         strcpy(addr.sun_path, "/dev/log");
         const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-        if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0 || dup2(fd, 2) != 2)
+        if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0 ||
+            dup2(fd, 2) != 2)
             return 126;
         close(fd);
         return fn();
@@ -172,7 +175,8 @@ std::vector<std::string> TakeLog()
         const std::string str(buf, static_cast<size_t>(cb));
         const size_t posPri = str.rfind('<', 0) == 0 ? str.find('>') + 1 : 0;
         const size_t posText = posPri > 0 ? str.find(": ", posPri + 16) : std::string::npos;
-        log.push_back(posText == std::string::npos ? str : str.substr(0, posPri) + str.substr(posText + 2));
+        log.push_back(
+            posText == std::string::npos ? str : str.substr(0, posPri) + str.substr(posText + 2));
     }
     return log;
 }
@@ -213,37 +217,99 @@ std::vector<StandinCall> Calls()
             call.env += strVar + "\n";
         call.cwd = ReadFile(strDir + "cwd");
         call.cwd.pop_back();
-        call.fds = ReadFile(strDir + "fds");
+        std::istringstream fds(ReadFile(strDir + "fds"));
+        for (int fd; fds >> fd >> std::ws && std::getline(fds, call.fds[fd]);) {
+        }
         std::istringstream(ReadFile(strDir + "ids")) >> call.pid >> call.ppid >> call.sid;
         calls.push_back(call);
     }
     return calls;
 }
 
-void Machine(const std::vector<std::pair<std::string, std::string>> &packages, bool blRealDpkg)
+void Machine(const std::vector<UpdateFile> &files, bool blRealDpkg)
 {
+    // Packages are told apart by name: a test installs packages of its own.
+    const auto names = [] {
+        std::vector<std::string> names = PackageStates("*");
+        for (std::string &str : names)
+            str.erase(str.find(' '));
+        return names;
+    };
+    static const std::vector<std::string> kFirst = names();
+    std::string strPurge;
+    for (const std::string &strName : names())
+        strPurge += std::count(kFirst.begin(), kFirst.end(), strName) == 0 ? " " + strName : "";
+    if (!strPurge.empty() && Run({"/bin/sh", "-c", "dpkg --purge" + strPurge}).Code() != 0)
+        throw std::runtime_error("sandbox: dpkg cannot purge" + strPurge);
     WriteFile("/etc.defaults/VERSION", "# the build of the system\nbuildnumber=\"2668\"\n");
     for (const char *szPath : {"/usr/vyra/bin/vyralogset1", "/usr/vyra/bin/vyradeknotify"})
         InstallStandin(szPath);
     if (!blRealDpkg)
         InstallStandin("/usr/bin/dpkg");
-    for (const char *szPath : {"/smallupd@te", "/var/log/vyraupdate.log", "/var/log/dpkg_upgrade.log"})
+    for (const char *szPath :
+         {"/smallupd@te", "/var/log/vyraupdate.log", "/var/log/dpkg_upgrade.log"})
         fs::remove_all(szPath);
     fs::create_directory("/smallupd@te");
-    for (const auto &[strName, strContent] : packages)
-        WriteFile("/smallupd@te/" + strName, strContent);
+    for (const UpdateFile &file : files) {
+        const std::string strPath = "/smallupd@te/" + file.strName;
+        if (file.package.strName.empty())
+            WriteFile(strPath, file.strContent);
+        else if (!BuildDeb(file.package, strPath))
+            throw std::runtime_error("sandbox: dpkg-deb cannot build " + file.strName);
+    }
 }
 
-bool BuildDeb(const std::string &strPackage, const std::string &strDebPath)
+std::vector<std::string> PackageStates(const std::string &strPattern)
 {
-    const std::string strRoot = "/tmp/build-" + strPackage;
-    WriteFile(strRoot + "/DEBIAN/control",
-              "Package: " + strPackage +
-                  "\nVersion: 1.0\nArchitecture: all\n"
-                  "Maintainer: Nobody <nobody@example.invalid>\nDescription: sample package\n");
-    WriteFile(strRoot + "/usr/share/" + strPackage + "/hello", strPackage + "\n");
+    const Result res =
+        Run({"/usr/bin/dpkg-query", "-W", "-f=${Package} ${db:Status-Abbrev}\n", strPattern});
+    std::vector<std::string> states;
+    std::istringstream in(res.out);
+    for (std::string strLine; std::getline(in, strLine);) {
+        if (strLine.find(" un") == std::string::npos)  // known to dpkg, never installed
+            states.push_back(strLine.substr(0, strLine.find_last_not_of(' ') + 1));
+    }
+    return states;
+}
+
+bool BuildDeb(const Package &package, const std::string &strDebPath)
+{
+    const std::string strRoot = "/tmp/build-" + package.strName;
+    fs::remove_all(strRoot);
+    std::string strControl = "Package: " + package.strName + "\nVersion: " + package.strVersion +
+                             "\nArchitecture: all\nMaintainer: Nobody <nobody@example.invalid>\n"
+                             "Description: sample package\n";
+    if (!package.strDepends.empty())
+        strControl += "Depends: " + package.strDepends + "\n";
+    WriteFile(strRoot + "/DEBIAN/control", strControl);
+    WriteFile(strRoot + "/usr/share/" + package.strName + "/hello", package.strName + "\n");
+    if (!package.strConffile.empty()) {
+        const std::string strConf = "/etc/" + package.strName + ".conf";
+        WriteFile(strRoot + strConf, package.strConffile);
+        WriteFile(strRoot + "/DEBIAN/conffiles", strConf + "\n");
+    }
+    if (!package.strPostinst.empty())
+        WriteFile(strRoot + "/DEBIAN/postinst", "#!/bin/sh\nset -e\n" + package.strPostinst, 0755);
     fs::create_directories(fs::path(strDebPath).parent_path());
-    return Run({"/usr/bin/dpkg-deb", "--root-owner-group", "--build", strRoot, strDebPath}).Code() == 0;
+    return Run({"/usr/bin/dpkg-deb", "--root-owner-group", "--build", strRoot, strDebPath})
+               .Code() == 0;
+}
+
+const char kCutPower[] = "/usr/sbin/xfs_io -x -c shutdown /var/log";
+
+std::string PowerCutUnavailable()
+{
+    const std::string strSaid = ReadFile("/.vyra-sandbox");
+    const std::string strNone = "log-fs: none: ";
+    return strSaid.rfind(strNone, 0) == 0 ? strSaid.substr(strNone.size()) : "";
+}
+
+void PowerOn()
+{
+    for (const char *szVerb : {"/usr/bin/umount", "/usr/bin/mount"}) {
+        if (Run({szVerb, "/var/log"}).Code() != 0)
+            throw std::runtime_error(std::string("sandbox: ") + szVerb + " /var/log failed");
+    }
 }
 
 }  // namespace sandbox

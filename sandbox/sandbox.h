@@ -7,6 +7,7 @@
 #define VYRA_SANDBOX_H
 
 #include <functional>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -42,7 +43,8 @@ Result Run(const std::vector<std::string> &argv,
 // Call and Run, but with standard error sent to /dev/log, where it shows in
 // order with the system-log messages and the stand-ins' starts.
 Result CallLogged(const std::function<int()> &fn);
-Result RunLogged(const std::vector<std::string> &argv, const std::vector<std::string> &env = DefaultEnv());
+Result RunLogged(const std::vector<std::string> &argv,
+                 const std::vector<std::string> &env = DefaultEnv());
 // The system-log datagrams that arrived since the last call: "<PRI>TEXT" for
 // what came in the system log's format, anything else as it came.
 std::vector<std::string> TakeLog();
@@ -53,8 +55,9 @@ std::string ReadFile(const std::string &strPath);
 
 // Places at strPath a program that records how it was started (see Calls),
 // writes "stand-in <name>: to standard output" and "... error" on them and
-// exits 0, or as a line "standin <name>: exit N", "... kill SIGNAL" or
-// "... sleep N" in any file among its arguments asks.
+// exits 0, or as a line "standin <name>: exit N", "... kill SIGNAL", "...
+// sleep N" or "... run COMMAND" (then exits 0) in any file among its
+// arguments asks.
 void InstallStandin(const std::string &strPath);
 
 // How one start of a stand-in found its process.
@@ -62,21 +65,51 @@ struct StandinCall {
     std::vector<std::string> argv;  // argv[0] as it was started
     std::string env;                // "NAME=value\n" for each variable
     std::string cwd;
-    std::string fds;  // "<fd> <target>\n" for each inherited descriptor, " (read-only)" before \n if so
+    std::map<int, std::string> fds;  // each inherited descriptor: its target, " (read-only)" after
     long pid = 0, ppid = 0, sid = 0;
 };
 // Every start of a stand-in so far, in order.
 std::vector<StandinCall> Calls();
 
+// A package for BuildDeb: architecture all, installing /usr/share/<strName>/hello
+// that holds "<strName>\n".
+struct Package {
+    std::string strName{};
+    std::string strVersion = "1.0";
+    std::string strDepends{};   // its Depends field; none when empty
+    std::string strConffile{};  // /etc/<strName>.conf, a configuration file; none when empty
+    std::string strPostinst{};  // the body of a postinst run by /bin/sh; none when empty
+};
+// Builds the package with dpkg-deb as strDebPath. False on failure.
+bool BuildDeb(const Package &package, const std::string &strDebPath);
+
+// A file for the update directory: the package built with dpkg-deb where
+// the package has a name, else strContent as it is.
+struct UpdateFile {
+    std::string strName;
+    std::string strContent{};
+    Package package{};
+};
+
 // A machine of build 2668 that the tool has not run on: the appliance's
 // event-log and notification tools are stand-ins, and so is dpkg unless
-// blRealDpkg; the update directory holds the packages (name, content); neither
-// log exists. VERSION opens with a comment, as the appliance's does.
-void Machine(const std::vector<std::pair<std::string, std::string>> &packages = {}, bool blRealDpkg = false);
+// blRealDpkg; the update directory holds the files; neither log exists, and
+// dpkg has the packages that the sandbox started with, and no others.
+// VERSION opens with a comment, as the appliance's does.
+void Machine(const std::vector<UpdateFile> &files = {}, bool blRealDpkg = false);
+// dpkg's state of the packages matching strPattern that it has or had, each as
+// "<name> <state abbreviation>": "vyra-a ii" for one that is installed.
+std::vector<std::string> PackageStates(const std::string &strPattern);
 
-// A package strPackage, version 1.0, that installs /usr/share/<strPackage>/hello
-// holding "<strPackage>\n", built with dpkg-deb as strDebPath. False on failure.
-bool BuildDeb(const std::string &strPackage, const std::string &strDebPath);
+// The shell command that cuts the power under /var/log: everything written
+// there and not synced is lost, and every later write there fails until
+// PowerOn. Usable in a maintainer script, or in a stand-in as "standin <name>:
+// run <command>".
+extern const char kCutPower[];
+// "" where the power can be cut here; otherwise why not.
+std::string PowerCutUnavailable();
+// Mounts /var/log again, as the machine does when the power comes back.
+void PowerOn();
 
 }  // namespace sandbox
 

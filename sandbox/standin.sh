@@ -12,8 +12,9 @@
 #            one that cannot be written
 #   ids      "<pid> <parent pid> <session id>"
 # If an argument names a file holding a line "standin <name>: exit N",
-# "... kill SIGNAL" or "... sleep N" (<name> being this program's base name),
-# it ends that way (after N seconds, for sleep); otherwise it exits 0.
+# "... kill SIGNAL", "... sleep N" or "... run COMMAND" (<name> being this
+# program's base name), it ends that way (after N seconds, for sleep; once
+# COMMAND has run, for run); otherwise it exits 0.
 logger -t standin -- "$0 $*" 2>/dev/null
 records=@RECORDS@
 name=${0##*/}
@@ -63,5 +64,6 @@ case $how in
     "exit "*) exit "${how#exit }" ;;
     "kill "*) kill -s "${how#kill }" $$ ;;
     "sleep "*) sleep "${how#sleep }" ;;
+    "run "*) eval "${how#run }" ;;
 esac
 exit 0

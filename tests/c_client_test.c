@@ -4,5 +4,7 @@
 int main(void)
 {
     VLIBCErrSetEx(ERR_FORK_FAIL, "client.c", 7);
-    return vyraerrno == ERR_FORK_FAIL && VLIBCErrorGetLine() == 7 && VLIBCErrLogSet(NULL, "x") == -1 ? 0 : 1;
+    return vyraerrno == ERR_FORK_FAIL && VLIBCErrorGetLine() == 7 && VLIBCErrLogSet(NULL, "x") == -1
+               ? 0
+               : 1;
 }
