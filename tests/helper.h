@@ -9,6 +9,7 @@
 #include <time.h>
 
 #include <filesystem>
+#include <map>
 #include <sstream>
 
 #include "sandbox.h"
@@ -42,15 +43,13 @@ struct Record {
 };
 inline void PrintTo(const Record &record, std::ostream *pout)
 {
-    const char *rgszNames[] = {"ERR_SUCCESS",      "ERR_NOT_ENOUGH_MEMORY", "ERR_OPEN_FAILED",
-                               "ERR_WRITE_FAILED", "ERR_BAD_PARAMETERS",    "ERR_KEY_NOT_FOUND",
-                               "ERR_OP_FAILURE",   "ERR_FORK_FAIL"};
-    const VYRAERR rgCodes[] = {ERR_SUCCESS,      ERR_NOT_ENOUGH_MEMORY, ERR_OPEN_FAILED,
-                               ERR_WRITE_FAILED, ERR_BAD_PARAMETERS,    ERR_KEY_NOT_FOUND,
-                               ERR_OP_FAILURE,   ERR_FORK_FAIL};
-    const auto idx = std::find(rgCodes, std::end(rgCodes), record.code) - rgCodes;
-    *pout << (idx < 8 ? rgszNames[idx] : "code " + std::to_string(record.code)) << " at "
-          << record.strFile << ":" << record.nLine;
+    const std::map<VYRAERR, const char *> kNames = {
+        {ERR_SUCCESS, "ERR_SUCCESS"},         {ERR_NOT_ENOUGH_MEMORY, "ERR_NOT_ENOUGH_MEMORY"},
+        {ERR_OPEN_FAILED, "ERR_OPEN_FAILED"}, {ERR_WRITE_FAILED, "ERR_WRITE_FAILED"},
+        {ERR_OP_FAILURE, "ERR_OP_FAILURE"},   {ERR_BAD_PARAMETERS, "ERR_BAD_PARAMETERS"},
+        {ERR_FORK_FAIL, "ERR_FORK_FAIL"},     {ERR_KEY_NOT_FOUND, "ERR_KEY_NOT_FOUND"}};
+    *pout << (kNames.count(record.code) ? kNames.at(record.code) : std::to_string(record.code))
+          << " at " << record.strFile << ":" << record.nLine;
 }
 inline Record Recorded()
 {
@@ -91,9 +90,9 @@ inline Lines Split(const std::string &strText)
 }
 
 // A log's lines: the log writer's records without their stamp, which must be
-// local time (five hours east of UTC, as Env sets it) during the test, and
-// what dpkg wrote there behind "<not a record>".
-inline const time_t tStart = time(nullptr);  // when the test program started
+// local time (five hours east of UTC, as Env sets it) since the test program
+// started, and what dpkg wrote there behind "<not a record>".
+inline const time_t tStart = time(nullptr);
 inline Lines LogLines(const std::string &strPath)
 {
     Lines lines = Split(ReadFile(strPath));
@@ -115,10 +114,9 @@ inline Lines Journal(const std::vector<std::string> &log)
 {
     Lines lines;
     for (std::string str : log) {
-        if (str.rfind("<13>", 0) == 0)
-            str = "$ " + str.substr(4);
-        else if (str.rfind("<11>", 0) == 0)
-            str.erase(0, 4);
+        str = str.rfind("<13>", 0) == 0   ? "$ " + str.substr(4)
+              : str.rfind("<11>", 0) == 0 ? str.substr(4)
+                                          : str;
         if (str.rfind("small_update.cpp:", 0) == 0 || str.rfind("debian_lib.cpp:", 0) == 0)
             str.erase(str.find(':') + 1, str.find(' ') - str.find(':') - 1);
         lines.push_back(str);
@@ -130,11 +128,11 @@ inline Lines Journal(const std::vector<std::string> &log)
 // in UTC shows; under strace, no LeakSanitizer, which cannot trace then.
 inline Lines Env(const Lines &argv)
 {
-    Lines env = sandbox::DefaultEnv();
     const char *szAsan = getenv("ASAN_OPTIONS");
-    const bool blTraced = argv[0] == "/usr/bin/strace";
-    env.insert(env.begin(), {"TZ=XYZ-5", std::string("ASAN_OPTIONS=") + (szAsan ? szAsan : "") +
-                                             (blTraced ? ":detect_leaks=0" : "")});
+    Lines env = sandbox::DefaultEnv();
+    env.insert(env.begin(),
+               {"TZ=XYZ-5", std::string("ASAN_OPTIONS=") + (szAsan ? szAsan : "") +
+                                (argv[0] == "/usr/bin/strace" ? ":detect_leaks=0" : "")});
     return env;
 }
 
