@@ -1,30 +1,45 @@
 #!/bin/sh
-# Installs the Debian packages that building and testing need, if missing.
-#   scripts/install-deps.sh           for building and testing on this machine
-#   scripts/install-deps.sh --target  also the PowerPC cross compiler and qemu-user
-#   scripts/install-deps.sh --fuzz    also clang with libFuzzer
-#   scripts/install-deps.sh --check   also clang-tidy and cppcheck
-#   scripts/install-deps.sh --package also what makes and checks the Debian packages
+# Installs the Debian packages that building and testing need, if missing:
+# always the build dependencies that debian/control lists (apt-get build-dep),
+# and besides them
+#   scripts/install-deps.sh --target   the PowerPC cross compiler and qemu-user
+#   scripts/install-deps.sh --fuzz     clang with libFuzzer
+#   scripts/install-deps.sh --check    clang-tidy, cppcheck and clang-format
+#   scripts/install-deps.sh --package  the cross compiler and qemu-user, and what
+#                                      checks the packages: lintian, autopkgtest,
+#                                      piuparts, reprotest
 set -eu
-packages="cmake g++ make libgtest-dev mount strace valgrind"
+cd "$(dirname "$0")/.."
 case "${1:-}" in
-    --target) packages="$packages g++-powerpc-linux-gnu qemu-user" ;;
-    --fuzz) packages="$packages clang libclang-rt-14-dev" ;;
-    --check) packages="$packages clang-tidy cppcheck" ;;
-    --package) packages="$packages g++-powerpc-linux-gnu qemu-user debhelper dpkg-dev file git lintian logrotate" ;;
+    "") extra= ;;
+    --target) extra="g++-powerpc-linux-gnu qemu-user" ;;
+    --fuzz) extra="clang libclang-rt-14-dev" ;;
+    --check) extra="clang-tidy cppcheck clang-format" ;;
+    --package) extra="g++-powerpc-linux-gnu qemu-user file git lintian autopkgtest piuparts
+        debootstrap reprotest faketime disorderfs" ;;
+    *) echo "usage: $0 [--target|--fuzz|--check|--package]" >&2; exit 2 ;;
 esac
+build_deps=
+command -v dpkg-checkbuilddeps > /dev/null && dpkg-checkbuilddeps 2> /dev/null || build_deps=1
 missing=
-for p in $packages; do
+for p in $extra; do
     dpkg-query -W -f='${Status}\n' "$p" 2>/dev/null | grep -q '^install ok installed$' ||
         missing="$missing $p"
 done
-[ -z "$missing" ] && exit 0
+[ -z "$build_deps$missing" ] && exit 0
 if [ "$(id -u)" -ne 0 ]; then
+    [ -z "$build_deps" ] || missing=" the build dependencies of debian/control$missing"
     echo "missing Debian packages:$missing (run as root to install them)" >&2
     exit 1
 fi
-echo "Installing:$missing"
 export DEBIAN_FRONTEND=noninteractive
 apt-get update -q
-# shellcheck disable=SC2086
-apt-get install -y -q --no-install-recommends $missing
+if [ -n "$build_deps" ]; then
+    echo "Installing the build dependencies of debian/control"
+    apt-get build-dep -y -q --no-install-recommends ./
+fi
+if [ -n "$missing" ]; then
+    echo "Installing:$missing"
+    # shellcheck disable=SC2086
+    apt-get install -y -q --no-install-recommends $missing
+fi

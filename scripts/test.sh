@@ -1,7 +1,8 @@
 #!/bin/sh
 # Builds everything and runs every test, with warnings as errors. Every test
-# runs in a sandbox of its own (sandbox/vyra-sandbox), which needs root. On a
-# fresh Debian 12 machine, run as root: it installs the Debian packages it
+# runs in a sandbox of its own (sandbox/vyra-sandbox), which needs root; here
+# a test that cannot run fails, where a build without root would skip it. On
+# a fresh Debian 12 machine, run as root: it installs the Debian packages it
 # needs when they are missing.
 #
 #   scripts/test.sh              the whole suite on this machine (preset host,
@@ -12,6 +13,7 @@
 #                                and UndefinedBehaviorSanitizer (preset sanitize)
 set -eu
 cd "$(dirname "$0")/.."
+export VYRA_SANDBOX_REQUIRED=1
 
 suite() {
     cmake --preset "$1"
