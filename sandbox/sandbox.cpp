@@ -198,6 +198,10 @@ std::string ReadFile(const std::string &strPath)
 
 void InstallStandin(const std::string &strPath)
 {
+    // The program replaced is kept beside it, so that a later machine can have it back.
+    if (fs::exists(strPath) && !fs::exists(strPath + ".replaced") &&
+        ReadFile(strPath).rfind(std::string(kStandinScript, 30), 0) != 0)
+        fs::copy_file(strPath, strPath + ".replaced");
     std::string strScript = kStandinScript;
     for (size_t pos; (pos = strScript.find("@RECORDS@")) != std::string::npos;)
         strScript.replace(pos, 9, kRecords);
@@ -246,6 +250,9 @@ void Machine(const std::vector<UpdateFile> &files, bool blRealDpkg)
         InstallStandin(szPath);
     if (!blRealDpkg)
         InstallStandin("/usr/bin/dpkg");
+    else if (fs::exists("/usr/bin/dpkg.replaced"))
+        fs::copy_file("/usr/bin/dpkg.replaced", "/usr/bin/dpkg",
+                      fs::copy_options::overwrite_existing);
     for (const char *szPath :
          {"/smallupd@te", "/var/log/vyraupdate.log", "/var/log/dpkg_upgrade.log"})
         fs::remove_all(szPath);
