@@ -4,7 +4,8 @@
 # the rest, and write the verdict.
 dir=/smallupd@te
 log=/var/log/dpkg_upgrade.log
-build=$(sed -n 's/^buildnumber *= *"\{0,1\}\([^"]*\)"\{0,1\} *$/\1/p' /etc.defaults/VERSION | head -n 1)
+build=$(sed -n 's/^buildnumber *= *"\{0,1\}\([^"]*\)"\{0,1\} *$/\1/p' /etc.defaults/VERSION |
+    head -n 1)
 list=$(mktemp)
 failed=0
 found=0

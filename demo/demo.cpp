@@ -58,9 +58,9 @@ int Demo()
 
     printf("\n$ small_update\n");
     const sandbox::Result res = sandbox::RunLogged({VYRA_TOOL});
-    Section("exit status",
-            std::to_string(res.Code()) + "  (0: everything installed; 255: nothing found, or "
-                                         "something was refused or failed)\n");
+    Section("exit status", std::to_string(res.Code()) +
+                               "  (0: everything installed; 255: nothing found, or "
+                               "something was refused or failed)\n");
     std::string strJournal;
     for (const std::string &strMessage : res.log) {
         if (strMessage.rfind("<13>", 0) == 0)

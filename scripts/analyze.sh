@@ -1,10 +1,17 @@
 #!/bin/sh
-# Static analysis of the product code with clang-tidy (.clang-tidy) and
-# cppcheck. Any finding fails the command. On a fresh Debian 12 machine, run
-# as root: it installs what it needs.
+# The house format and static analysis: every C and C++ file as clang-format
+# (.clang-format) formats it, no line of any file over 100 columns, and the
+# product code through clang-tidy (.clang-tidy) and cppcheck. Any finding
+# fails the command. On a fresh Debian 12 machine, run as root: it installs
+# what it needs.
 set -eu
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh --check
+echo "== format"
+git ls-files '*.c' '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
+long=$(git ls-files | grep -v '^fuzz/corpus/' | xargs awk 'length > 100 {print FILENAME ":" FNR}')
+[ -z "$long" ] || { echo "lines over 100 columns:" "$long" >&2; exit 1; }
+
 cmake -S . -B build-analyze -DCMAKE_EXPORT_COMPILE_COMMANDS=ON -DBUILD_TESTING=OFF > /dev/null
 files=$(git ls-files 'lib/*.cpp' 'cpp/*.cpp' 'tool/*.cpp')
 

@@ -16,8 +16,9 @@ runs=${1:-1000000}
 seconds=${2:-600}
 
 scripts/install-deps.sh --fuzz
-CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_COMPILE_WARNING_AS_ERROR=ON \
-    -DVYRA_FUZZ=ON -DVYRA_SANITIZE=ON -DBUILD_TESTING=OFF > /dev/null
+CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_COMPILE_WARNING_AS_ERROR=ON -DVYRA_FUZZ=ON -DVYRA_SANITIZE=ON -DBUILD_TESTING=OFF \
+    > /dev/null
 cmake --build build-fuzz --parallel "$(nproc)" > /dev/null
 
 work=$(mktemp -d)
@@ -26,10 +27,11 @@ for target in key_value small_fix tok_index trim_space; do
     # New inputs go to a scratch directory; the seeds stay as committed.
     mkdir "$work/$target"
     set -- "$PWD/build-fuzz/fuzz/fuzz_$target" -runs="$runs" -max_total_time="$seconds" \
-        -print_final_stats=1 -artifact_prefix="$PWD/build-fuzz/" "$work/$target" "fuzz/corpus/$target"
+        -print_final_stats=1 -artifact_prefix="$PWD/build-fuzz/" "$work/$target" \
+        "fuzz/corpus/$target"
     if [ "$target" = small_fix ]; then
-        set -- sandbox/vyra-sandbox -- /bin/sh -c \
-            'mkdir -p /etc.defaults && echo "buildnumber=\"2668\"" > /etc.defaults/VERSION && exec "$@"' sh "$@"
+        set -- sandbox/vyra-sandbox -- /bin/sh -c 'mkdir -p /etc.defaults &&
+            echo "buildnumber=\"2668\"" > /etc.defaults/VERSION && exec "$@"' sh "$@"
     fi
     echo "== fuzz_$target"
     status=0
