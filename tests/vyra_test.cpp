@@ -522,6 +522,8 @@ TEST(InstallDebCompare, OrdersBySmallFixNumber)
     EXPECT_TRUE(DebianLib::InstallDebCompare("a_1-2668-s7_all.deb", "b_1-2668-s12_all.deb"));
     EXPECT_FALSE(DebianLib::InstallDebCompare("b_1-2668-s12_all.deb", "a_1-2668-s7_all.deb"));
     EXPECT_TRUE(DebianLib::InstallDebCompare("bad.deb", "a_1-2668-s0_all.deb")) << "refused first";
+    EXPECT_FALSE(DebianLib::InstallDebCompare("a_1-2668-s5_all.deb", "b_1-2668-s05_all.deb"))
+        << "equal numbers are no order";
 }
 
 TEST(CheckDebian, RefusesWhatTheScanNeverHandsOver)
