@@ -243,7 +243,10 @@ void Machine(const std::vector<UpdateFile> &files, bool blRealDpkg)
     std::string strPurge;
     for (const std::string &strName : names())
         strPurge += std::count(kFirst.begin(), kFirst.end(), strName) == 0 ? " " + strName : "";
-    if (!strPurge.empty() && Run({"/bin/sh", "-c", "dpkg --purge" + strPurge}).Code() != 0)
+    // With the real dpkg, wherever a stand-in took its place.
+    const std::string strDpkg =
+        fs::exists("/usr/bin/dpkg.replaced") ? "/usr/bin/dpkg.replaced" : "/usr/bin/dpkg";
+    if (!strPurge.empty() && Run({"/bin/sh", "-c", strDpkg + " --purge" + strPurge}).Code() != 0)
         throw std::runtime_error("sandbox: dpkg cannot purge" + strPurge);
     WriteFile("/etc.defaults/VERSION", "# the build of the system\nbuildnumber=\"2668\"\n");
     for (const char *szPath : {"/usr/vyra/bin/vyralogset1", "/usr/vyra/bin/vyradeknotify"})
