@@ -26,30 +26,28 @@ namespace {
 
 const std::string kRecords = "/.standin-records";
 
+const struct sockaddr_un kDevLog = {AF_UNIX, "/dev/log"};
+const auto *const kpDevLog = reinterpret_cast<const struct sockaddr *>(&kDevLog);
+
 int LogSocket()
 {
     static int fdLog = -1;
     if (fdLog >= 0)
         return fdLog;
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    strcpy(addr.sun_path, "/dev/log");
-    unlink(addr.sun_path);
+    unlink(kDevLog.sun_path);
     fdLog = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (!Inside() || fdLog < 0 ||
-        bind(fdLog, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0)
+    if (!Inside() || fdLog < 0 || bind(fdLog, kpDevLog, sizeof(kDevLog)) != 0)
         throw std::runtime_error(std::string("sandbox: no /dev/log: ") +
                                  (Inside() ? strerror(errno) : "not inside vyra-sandbox"));
     return fdLog;
 }
 
+// A caught output: the child's writes left the shared offset at its end.
 std::string ReadAll(FILE *pf)
 {
-    std::string str;
-    char buf[4096];
+    std::string str(static_cast<size_t>(std::max(ftell(pf), 0L)), '\0');
     rewind(pf);
-    for (size_t cb; (cb = fread(buf, 1, sizeof(buf), pf)) > 0;)
-        str.append(buf, cb);
+    str.resize(fread(str.data(), 1, str.size(), pf));
     fclose(pf);
     return str;
 }
@@ -123,14 +121,14 @@ Result Call(const std::function<int()> &fn)
 
 void Exec(const std::vector<std::string> &argv, const std::vector<std::string> &env)
 {
-    std::vector<char *> args;
-    std::vector<char *> vars;
-    for (const std::string &str : argv)
-        args.push_back(const_cast<char *>(str.c_str()));
-    for (const std::string &str : env)
-        vars.push_back(const_cast<char *>(str.c_str()));
-    args.push_back(nullptr);
-    vars.push_back(nullptr);
+    const auto pointers = [](const std::vector<std::string> &strs) {
+        std::vector<char *> pointers;
+        for (const std::string &str : strs)
+            pointers.push_back(const_cast<char *>(str.c_str()));
+        pointers.push_back(nullptr);
+        return pointers;
+    };
+    std::vector<char *> args = pointers(argv), vars = pointers(env);
     execve(args[0], args.data(), vars.data());
     fprintf(stderr, "sandbox: cannot run %s: %s\n", args[0], strerror(errno));
     fflush(stderr);
@@ -145,12 +143,8 @@ Result Run(const std::vector<std::string> &argv, const std::vector<std::string> 
 Result CallLogged(const std::function<int()> &fn)
 {
     return Call([&fn] {
-        struct sockaddr_un addr = {};
-        addr.sun_family = AF_UNIX;
-        strcpy(addr.sun_path, "/dev/log");
         const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-        if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0 ||
-            dup2(fd, 2) != 2)
+        if (connect(fd, kpDevLog, sizeof(kDevLog)) != 0 || dup2(fd, 2) != 2)
             return 126;
         close(fd);
         return fn();
@@ -224,7 +218,7 @@ std::vector<StandinCall> Calls()
         std::istringstream fds(ReadFile(strDir + "fds"));
         for (int fd; fds >> fd >> std::ws && std::getline(fds, call.fds[fd]);) {
         }
-        std::istringstream(ReadFile(strDir + "ids")) >> call.pid >> call.ppid >> call.sid;
+        std::istringstream(ReadFile(strDir + "ids")) >> call.pid >> call.sid;
         calls.push_back(call);
     }
     return calls;
@@ -232,7 +226,11 @@ std::vector<StandinCall> Calls()
 
 void Machine(const std::vector<UpdateFile> &files, bool blRealDpkg)
 {
-    // Packages are told apart by name: a test installs packages of its own.
+    // The real dpkg back wherever a stand-in took its place: it purges what
+    // the last machine installed (packages are told apart by name).
+    if (fs::exists("/usr/bin/dpkg.replaced"))
+        fs::copy_file("/usr/bin/dpkg.replaced", "/usr/bin/dpkg",
+                      fs::copy_options::overwrite_existing);
     const auto names = [] {
         std::vector<std::string> names = PackageStates("*");
         for (std::string &str : names)
@@ -240,22 +238,18 @@ void Machine(const std::vector<UpdateFile> &files, bool blRealDpkg)
         return names;
     };
     static const std::vector<std::string> kFirst = names();
-    std::string strPurge;
-    for (const std::string &strName : names())
-        strPurge += std::count(kFirst.begin(), kFirst.end(), strName) == 0 ? " " + strName : "";
-    // With the real dpkg, wherever a stand-in took its place.
-    const std::string strDpkg =
-        fs::exists("/usr/bin/dpkg.replaced") ? "/usr/bin/dpkg.replaced" : "/usr/bin/dpkg";
-    if (!strPurge.empty() && Run({"/bin/sh", "-c", strDpkg + " --purge" + strPurge}).Code() != 0)
-        throw std::runtime_error("sandbox: dpkg cannot purge" + strPurge);
+    std::vector<std::string> purge = {"/usr/bin/dpkg", "--purge"};
+    for (const std::string &strName : names()) {
+        if (std::count(kFirst.begin(), kFirst.end(), strName) == 0)
+            purge.push_back(strName);
+    }
+    if (purge.size() > 2 && Run(purge).Code() != 0)
+        throw std::runtime_error("sandbox: dpkg cannot purge what the last machine installed");
     WriteFile("/etc.defaults/VERSION", "# the build of the system\nbuildnumber=\"2668\"\n");
     for (const char *szPath : {"/usr/vyra/bin/vyralogset1", "/usr/vyra/bin/vyradeknotify"})
         InstallStandin(szPath);
     if (!blRealDpkg)
         InstallStandin("/usr/bin/dpkg");
-    else if (fs::exists("/usr/bin/dpkg.replaced"))
-        fs::copy_file("/usr/bin/dpkg.replaced", "/usr/bin/dpkg",
-                      fs::copy_options::overwrite_existing);
     for (const char *szPath :
          {"/smallupd@te", "/var/log/vyraupdate.log", "/var/log/dpkg_upgrade.log"})
         fs::remove_all(szPath);

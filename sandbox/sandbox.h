@@ -55,9 +55,8 @@ std::string ReadFile(const std::string &strPath);
 
 // Places at strPath a program that records how it was started (see Calls),
 // writes "stand-in <name>: to standard output" and "... error" on them and
-// exits 0, or as a line "standin <name>: exit N", "... kill SIGNAL", "...
-// sleep N" or "... run COMMAND" (then exits 0) in any file among its
-// arguments asks.
+// exits 0, or as a line "standin <name>: exit N", "... kill SIGNAL" or "...
+// run COMMAND" (then exits 0) in any file among its arguments asks.
 void InstallStandin(const std::string &strPath);
 
 // How one start of a stand-in found its process.
@@ -66,7 +65,7 @@ struct StandinCall {
     std::string env;                // "NAME=value\n" for each variable
     std::string cwd;
     std::map<int, std::string> fds;  // each inherited descriptor: its target, " (read-only)" after
-    long pid = 0, ppid = 0, sid = 0;
+    long pid = 0, sid = 0;
 };
 // Every start of a stand-in so far, in order.
 std::vector<StandinCall> Calls();

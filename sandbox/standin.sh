@@ -10,11 +10,10 @@
 #   cwd      its working directory
 #   fds      "<fd> <target>" for each descriptor it inherited, " (read-only)" after
 #            one that cannot be written
-#   ids      "<pid> <parent pid> <session id>"
-# If an argument names a file holding a line "standin <name>: exit N",
-# "... kill SIGNAL", "... sleep N" or "... run COMMAND" (<name> being this
-# program's base name), it ends that way (after N seconds, for sleep; once
-# COMMAND has run, for run); otherwise it exits 0.
+#   ids      "<pid> <session id>"
+# If an argument names a file holding a line "standin <name>: exit N", "...
+# kill SIGNAL" or "... run COMMAND" (<name> being this program's base name),
+# it ends that way (once COMMAND has run, for run); otherwise it exits 0.
 logger -t standin -- "$0 $*" 2>/dev/null
 records=@RECORDS@
 name=${0##*/}
@@ -57,13 +56,12 @@ while [ $((fd += 1)) -lt 1024 ]; do
 done' sh $$ "$rec/fds"
 read -r stat < /proc/$$/stat
 set -- ${stat##*) }
-echo "$$ $2 $4" > "$rec/ids"
+echo "$$ $4" > "$rec/ids"
 echo "stand-in $name: to standard output"
 echo "stand-in $name: to standard error" >&2
 case $how in
     "exit "*) exit "${how#exit }" ;;
     "kill "*) kill -s "${how#kill }" $$ ;;
-    "sleep "*) sleep "${how#sleep }" ;;
     "run "*) eval "${how#run }" ;;
 esac
 exit 0
