@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -92,6 +93,7 @@ Result Call(const std::function<int()> &fn)
     if (pfOut == nullptr || pfErr == nullptr)
         throw std::runtime_error("sandbox: no temporary file");
     fflush(nullptr);
+    (void)prctl(PR_SET_CHILD_SUBREAPER, 1);
     const pid_t pid = fork();
     if (pid < 0)
         throw std::runtime_error("sandbox: cannot fork");
@@ -112,6 +114,10 @@ Result Call(const std::function<int()> &fn)
     }
     Result res;
     while (waitpid(pid, &res.status, 0) < 0 && errno == EINTR) {
+    }
+    // What it left running (the dpkg of a killed run, say) was handed to us as
+    // subreaper: the next step must not meet it still holding dpkg's lock.
+    while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
     }
     res.out = ReadAll(pfOut);
     res.err = ReadAll(pfErr);

@@ -32,7 +32,8 @@ std::vector<std::string> DefaultEnv();
 
 // Runs fn in a forked child with standard input on /dev/null, standard output
 // and error caught, and every descriptor above 2 closed on exec; its result is
-// the exit status. The first call binds a socket on /dev/log.
+// the exit status, once every process it started has ended. The first call
+// binds a socket on /dev/log.
 Result Call(const std::function<int()> &fn);
 // Runs argv[0] (no PATH search) in the same way, with the environment env.
 Result Run(const std::vector<std::string> &argv,
