@@ -108,7 +108,8 @@ std::vector<std::string> PackageStates(const std::string &strPattern);
 extern const char kCutPower[];
 // "" where the power can be cut here; otherwise why not.
 std::string PowerCutUnavailable();
-// Mounts /var/log again, as the machine does when the power comes back.
+// Mounts /var/log again, as the machine does when the power comes back; throws
+// where the power was never cut.
 void PowerOn();
 
 }  // namespace sandbox
