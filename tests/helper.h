@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <map>
 #include <sstream>
+#include <stdexcept>
 
 #include "sandbox.h"
 #include "vyracore.h"
@@ -31,7 +32,7 @@ using sandbox::WriteFile;
 // Inside, the system log is caught from here on.
 #define NEEDS_SANDBOX()                                                                            \
     RUN_ONLY_IF(sandbox::Inside(), "it writes the system's own paths, so it runs in vyra-sandbox " \
-                                   "as root: in CI, and in the package's autopkgtest");            \
+                                   "as root: scripts/test.sh, as CI runs it");                     \
     sandbox::TakeLog()
 
 // A core-library error record, shown as "ERR_OPEN_FAILED at error_log_set.cpp:37".
@@ -70,7 +71,8 @@ inline std::string Scratch(const std::string &strName)
         std::string strPath = fs::temp_directory_path() / "vyra-test.XXXXXX";
         Dir()
         {
-            (void)mkdtemp(strPath.data());
+            if (mkdtemp(strPath.data()) == nullptr)
+                throw std::runtime_error("no scratch directory " + strPath);
         }
         ~Dir()
         {

@@ -773,11 +773,13 @@ void Check(const RealRun &row)
     fs::remove("/tmp/trace");
     for (const sandbox::UpdateFile &deb : row.before) {
         ASSERT_TRUE(sandbox::BuildDeb(deb.package, "/tmp/" + deb.strName)) << row.szName;
-        sandbox::Run({"/usr/bin/dpkg", "-i", "/tmp/" + deb.strName});
+        ASSERT_EQ(sandbox::Run({"/usr/bin/dpkg", "-i", "/tmp/" + deb.strName}).Code(), 0)
+            << row.szName;
     }
     RunTool(row.runner);
-    if (row.cut == Cut::kAfter)
-        sandbox::Run({"/bin/sh", "-c", sandbox::kCutPower});
+    if (row.cut == Cut::kAfter) {
+        ASSERT_EQ(sandbox::Run({"/bin/sh", "-c", sandbox::kCutPower}).Code(), 0) << row.szName;
+    }
     if (row.cut != Cut::kNone)
         sandbox::PowerOn();
     Lines records = LogLines(kInstallerLog);
