@@ -5,9 +5,11 @@
 #   scripts/install-deps.sh --target   the PowerPC cross compiler and qemu-user
 #   scripts/install-deps.sh --fuzz     clang with libFuzzer
 #   scripts/install-deps.sh --check    clang-tidy, cppcheck and clang-format
-#   scripts/install-deps.sh --package  the cross compiler and qemu-user, and what
-#                                      checks the packages: lintian, autopkgtest,
-#                                      piuparts, reprotest
+#   scripts/install-deps.sh --package  the cross compiler and qemu-user, what
+#                                      checks the packages (lintian, autopkgtest,
+#                                      piuparts, reprotest), and the dependencies
+#                                      of debian/tests: autopkgtest runs in the
+#                                      sandbox, which has no network to fetch them
 set -eu
 cd "$(dirname "$0")/.."
 case "${1:-}" in
@@ -16,7 +18,8 @@ case "${1:-}" in
     --fuzz) extra="clang libclang-rt-14-dev" ;;
     --check) extra="clang-tidy cppcheck clang-format" ;;
     --package) extra="g++-powerpc-linux-gnu qemu-user file git lintian autopkgtest piuparts
-        debootstrap reprotest faketime disorderfs" ;;
+        debootstrap reprotest faketime disorderfs
+        $(sed -n 's/^Depends://p' debian/tests/control | tr ',' '\n' | grep -v @)" ;;
     *) echo "usage: $0 [--target|--fuzz|--check|--package]" >&2; exit 2 ;;
 esac
 build_deps=
