@@ -180,7 +180,7 @@ TEST(FileCloseLock, FreesEveryRowUpToTheTerminator)
     }
     rgslckList[3].cLock = 4;              // a count without a stream
     close(fileno(rgslckList[2].pfFile));  // its close will fail
-    EXPECT_EQ(VLIBCFileCloseLock(), -1);
+    EXPECT_EQ(VLIBCFileCloseLock(), -1) << "row 2's close failed";
     for (const VLIBLOCK &row : rgslckList) {
         EXPECT_EQ(row.pfFile, nullptr) << row.szFile;
         EXPECT_EQ(row.cLock, 0) << row.szFile;
