@@ -43,8 +43,9 @@ Sample Measure(const std::vector<std::string> &argv)
     Sample sample;
     int nStatus = -1;
     if (sscanf(res.out.c_str(), "%lf %ld %d", &sample.dWall, &sample.cKiB, &nStatus) != 3) {
-        fprintf(stderr, "bench: %s did not run: %s%s\n", argv[0].c_str(), res.out.c_str(),
-                res.err.c_str());
+        fprintf(stderr, "bench: %s did not run: %s\n", argv[0].c_str(), res.out.c_str());
+        for (const std::string &strMessage : res.log)
+            fprintf(stderr, "%s\n", strMessage.c_str());
         exit(1);
     }
     return sample;
@@ -79,7 +80,7 @@ void Machine()
         perror("bench: /etc.defaults or /var/log");
         exit(1);
     }
-    sandbox::Machine({}, true);
+    sandbox::Machine(true);
 }
 
 long StrippedSize(const std::string &strStrip, const std::string &strBinary)

@@ -38,7 +38,7 @@ void Section(const std::string &strTitle, const std::string &strBody)
 
 int Demo()
 {
-    sandbox::Machine({}, true);
+    sandbox::Machine(true);
 
     printf("The machine's /etc.defaults/VERSION says buildnumber=\"2668\".\n"
            "The update directory %s holds:\n",
@@ -57,7 +57,7 @@ int Demo()
            kLogSet, kNotify);
 
     printf("\n$ small_update\n");
-    const sandbox::Result res = sandbox::RunLogged({VYRA_TOOL});
+    const sandbox::Result res = sandbox::Run({VYRA_TOOL});
     Section("exit status", std::to_string(res.Code()) +
                                "  (0: everything installed; 255: nothing found, or "
                                "something was refused or failed)\n");
@@ -80,7 +80,7 @@ int Demo()
     const sandbox::Result installed =
         sandbox::Run({"/usr/bin/dpkg-query", "-W", "-f=${Package} ${db:Status-Abbrev}\n", "vyra-*",
                       "smallupdate"});
-    Section("what dpkg now has installed (ii = installed)", installed.out + installed.err);
+    Section("what dpkg now has installed (ii = installed)", installed.out);
     printf("\nThe sandbox is gone when this ends; nothing on this machine changed.\n");
     return 0;
 }

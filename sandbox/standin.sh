@@ -1,25 +1,33 @@
 #!/bin/sh
-# Stands in for dpkg and the appliance's tools: records how it was started,
-# writes one line on each of its outputs, then ends as its package asks.
-# Its start is also told to the system log, at user.notice, as "$0 $*", so
-# that a reader of /dev/log sees it in order with everything else there.
-#
-# Each start gets the directory @RECORDS@/<n>, n counting up, holding:
-#   cmdline  the interpreter, this script's path, then the arguments (NUL-separated)
-#   environ  its environment (NUL-separated)
-#   cwd      its working directory
-#   fds      "<fd> <target>" for each descriptor it inherited, " (read-only)" after
-#            one that cannot be written
-#   ids      "<pid> <session id>"
-# If an argument names a file holding a line "standin <name>: exit N", "...
-# kill SIGNAL" or "... run COMMAND" (<name> being this program's base name),
-# it ends that way (once COMMAND has run, for run); otherwise it exits 0.
-logger -t standin -- "$0 $*" 2>/dev/null
-records=@RECORDS@
+# Stands in for dpkg and the appliance's tools. Each start tells the system log
+# (user.notice) what it found, as one line:
+#   <name> <arguments> | <variables> | <working directory> | <descriptors> | leader or not
+# where the variables are those with a value, and each descriptor it inherited shows as N<target (read-only), N>target
+# (write-only) or N<>target, a run of one target as N-M<>target. It exits 0,
+# unless a file among its arguments holds "standin <name>: exit N", "...: kill
+# SIGNAL" or "...: run COMMAND", which it then says on standard error.
 name=${0##*/}
+# Looked at from a child, as this shell's own descriptors would show up.
+sh -c 'p=$1 fds= prev= first= last=
+flush() { [ -z "$prev" ] || fds="$fds $first$([ "$last" = "$first" ] || echo "-$last")$prev"; }
+for fd in $(ls /proc/$p/fd | sort -n); do
+    t=$(readlink /proc/$p/fd/$fd) || continue
+    while read -r key flags; do [ "$key" = flags: ] && break; done < /proc/$p/fdinfo/$fd
+    [ $((0$flags & 02000000)) -eq 0 ] || continue  # close-on-exec: the shell'"'"'s own
+    case $t in pipe:*) t=pipe ;; socket:*) t=socket ;; *" (deleted)") t=deleted ;; esac
+    case $((0$flags & 3)) in 0) t="<$t" ;; 1) t=">$t" ;; *) t="<>$t" ;; esac
+    [ "$t" = "$prev" ] && [ "$fd" -eq $((last + 1)) ] && last=$fd && continue
+    flush
+    prev=$t first=$fd last=$fd
+done
+flush
+vars=$(tr "\0" "\n" < /proc/$p/environ | sed -n "s/=..*//p" | sort | paste -sd " ")
+read -r stat < /proc/$p/stat
+set -- "$2" ${stat##*) }
+[ "$5" = "$p" ] && lead=leader || lead="not leader"
+logger -t standin -p user.notice -- "$1 | $vars | $(readlink /proc/$p/cwd) |$fds | $lead"
+' sh $$ "$name $*"
 how=
-# Builtins only from here to the record: a run of the tool starts dozens of
-# stand-ins, and each program started costs more than the reading it saves.
 for arg do
     [ -f "$arg" ] || continue
     while IFS= read -r line || [ -n "$line" ]; do
@@ -27,41 +35,9 @@ for arg do
     done < "$arg"
     [ -z "$how" ] || break
 done
-# The next number is one past those taken; a stand-in that starts meanwhile
-# takes it first, and this one moves on.
-set -- "$records"/*
-[ -e "$1" ] || set --
-n=$(($# + 1))
-while ! mkdir "$records/$n" 2>/dev/null; do
-    [ -d "$records" ] || exit 99
-    n=$((n + 1))
-done
-rec=$records/$n
-cat /proc/$$/cmdline > "$rec/cmdline"
-cat /proc/$$/environ > "$rec/environ"
-pwd -P > "$rec/cwd"
-# Listed by a child shell that opens the record itself, as a redirection here
-# would show up among this shell's descriptors. The shell's own descriptors
-# are close-on-exec; inherited ones never are.
-sh -c '
-exec > "$2"
-fd=-1
-while [ $((fd += 1)) -lt 1024 ]; do
-    [ -h /proc/$1/fd/$fd ] || continue
-    while read -r key flags; do [ "$key" = flags: ] && break; done < /proc/$1/fdinfo/$fd
-    [ $((0$flags & 02000000)) -eq 0 ] || continue
-    mode=
-    [ $((0$flags & 3)) -ne 0 ] || mode=" (read-only)"
-    echo "$fd $(readlink /proc/$1/fd/$fd)$mode"
-done' sh $$ "$rec/fds"
-read -r stat < /proc/$$/stat
-set -- ${stat##*) }
-echo "$$ $4" > "$rec/ids"
-echo "stand-in $name: to standard output"
-echo "stand-in $name: to standard error" >&2
+[ -z "$how" ] || echo "stand-in $name: $how" >&2
 case $how in
     "exit "*) exit "${how#exit }" ;;
     "kill "*) kill -s "${how#kill }" $$ ;;
     "run "*) eval "${how#run }" ;;
 esac
-exit 0
