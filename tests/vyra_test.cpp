@@ -1,82 +1,127 @@
-// The core library and the package library function by function, and
-// small_update run whole on a machine of build 2668 (sandbox::Machine). A
-// table's comment gives its columns; every check names its row.
+// The core library and the package library call by call, then small_update
+// run whole on a machine of build 2668 (sandbox::Machine), each run compared
+// with its transcript (Transcript), written out as it must read.
 #include <fcntl.h>
 #include <limits.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 
-#include <algorithm>
-#include <optional>
+#include <filesystem>
+#include <map>
 #include <set>
-#include <stdexcept>
+#include <sstream>
 
 #include "debian_lib.h"
-#include "helper.h"
+#include "sandbox.h"
 #include "smallupdate.h"
+#include "vyracore.h"
+#include "gtest/gtest.h"
 
 namespace {
 
+using sandbox::Lines;
+using Files = std::vector<std::pair<std::string, std::string>>;  // path, content
+
+// As root (CI) a test that cannot run fails, as a skip would hide a fault.
+#define RUN_ONLY_IF(blCan, strWhy)                      \
+    if (!(blCan)) {                                     \
+        if (getenv("VYRA_SANDBOX_REQUIRED") != nullptr) \
+            FAIL() << (strWhy);                         \
+        GTEST_SKIP() << (strWhy);                       \
+    }
+#define NEEDS_SANDBOX()                                                                        \
+    RUN_ONLY_IF(sandbox::Inside(), "it writes the system's paths: it runs in vyra-sandbox as " \
+                                   "root")
+
+// The core library's error record in words.
+std::string Recorded()
+{
+    static const std::map<VYRAERR, const char *> kNames = {
+        {ERR_SUCCESS, "ERR_SUCCESS"},         {ERR_NOT_ENOUGH_MEMORY, "ERR_NOT_ENOUGH_MEMORY"},
+        {ERR_OPEN_FAILED, "ERR_OPEN_FAILED"}, {ERR_WRITE_FAILED, "ERR_WRITE_FAILED"},
+        {ERR_OP_FAILURE, "ERR_OP_FAILURE"},   {ERR_BAD_PARAMETERS, "ERR_BAD_PARAMETERS"},
+        {ERR_FORK_FAIL, "ERR_FORK_FAIL"},     {ERR_KEY_NOT_FOUND, "ERR_KEY_NOT_FOUND"}};
+    const char *szFile = VLIBCErrorGetFile();
+    if (vyraerrno == ERR_SUCCESS && szFile == nullptr && VLIBCErrorGetLine() == 0)
+        return "no record";
+    return (kNames.count(vyraerrno) != 0 ? kNames.at(vyraerrno) : std::to_string(vyraerrno)) +
+           " at " + (szFile != nullptr ? szFile : "(null)") + ":" +
+           std::to_string(VLIBCErrorGetLine());
+}
+// Recorded before a call, and still there after it: the call recorded nothing.
+const char kEarlier[] = "ERR_OP_FAILURE at earlier.c:5";
+void RecordEarlier()
+{
+    VLIBCErrSetEx(ERR_OP_FAILURE, "earlier.c", 5);
+}
+
+// The path of a file in memory that holds strContent: nothing to clean up.
+std::string MemFile(const std::string &strContent)
+{
+    const int fd = memfd_create("vyra-test", 0);
+    if (fd < 0 || write(fd, strContent.data(), strContent.size()) < 0)
+        throw std::runtime_error("no file in memory");
+    return "/proc/self/fd/" + std::to_string(fd);
+}
+
 TEST(ErrSet, KeepsTheLastRecordAsGiven)
 {
-    EXPECT_EQ(Recorded(), Record()) << "nothing is recorded before the first failure";
-    static const char szFile[] = "mine.c";
-    VLIBCErrSetEx(ERR_KEY_NOT_FOUND, szFile, 7);
-    EXPECT_EQ(VLIBCErrorGetFile(), szFile) << "the caller's pointer, not a copy";
-    VLIBCErrSet(ERR_OP_FAILURE);
-    EXPECT_EQ(Recorded(), (Record{ERR_OP_FAILURE, "", 0})) << "VLIBCErrSet forgets file and line";
+    EXPECT_EQ(Recorded(), "no record") << "before the first failure";
+    RecordEarlier();
+    VLIBCErrSet(ERR_KEY_NOT_FOUND);
+    EXPECT_EQ(Recorded(), "ERR_KEY_NOT_FOUND at (null):0");
 }
 
 TEST(ErrLogSet, AppendsOneLineOrRecordsWhy)
 {
-    const std::string strLog = Scratch("log"), strLong(1 << 20, 'x');  // past a stream buffer
-    const Record kBad = {ERR_BAD_PARAMETERS, "error_log_set.cpp", 32};
-    const Record kFull = {ERR_WRITE_FAILED, kBad.strFile, 51};
-    // VLIBCErrLogSet(szFile, szText) where the log held szBefore (nullptr:
-    // none): the result, what the log holds, the record; no descriptor left.
+    const std::string strLog = MemFile("a\nb"), strLong(1 << 20, 'x');  // past a stream buffer
+    const char kBad[] = "ERR_BAD_PARAMETERS at error_log_set.cpp:32", kAll[] = "a\nbc\n% %n%s%\n";
+    // VLIBCErrLogSet(szFile, szText): the result, what strLog ("a\nb" at
+    // first) then holds, the record; no descriptor is left open.
     struct Row {
-        const char *szName, *szFile, *szBefore, *szText;
+        const char *szName, *szFile, *szText;
         int nResult;
-        const char *szLog;
-        Record record = kEarlier;
+        const char *szLog, *szRecord = kEarlier;
     } const rows[] = {
-        {"appends", strLog.c_str(), "a\nb", "c", 0, "a\nbc\n"},
-        {"reads no argument", strLog.c_str(), nullptr, "%% %n%s%", 0, "% %n%s%\n"},
-        {"null log", nullptr, nullptr, "x", -1, "", kBad},
-        {"null text", strLog.c_str(), nullptr, nullptr, -1, "", kBad},
-        {"full", "/dev/full", nullptr, strLong.c_str(), -1, "", kFull},
+        {"appends", strLog.c_str(), "c", 0, "a\nbc\n"},
+        {"reads no argument", strLog.c_str(), "%% %n%s%", 0, kAll},
+        {"null log", nullptr, "x", -1, kAll, kBad},
+        {"null text", strLog.c_str(), nullptr, -1, kAll, kBad},
+        {"no directory", "/no/log", "x", -1, kAll, "ERR_OPEN_FAILED at error_log_set.cpp:37"},
+        {"full", "/dev/full", strLong.c_str(), -1, kAll,
+         "ERR_WRITE_FAILED at error_log_set.cpp:51"},
     };
     for (const Row &row : rows) {
-        fs::remove(strLog);
-        if (row.szBefore != nullptr)
-            WriteFile(strLog, row.szBefore);
-        const auto cFds = std::distance(fs::directory_iterator("/proc/self/fd"), {});
+        const auto cFds = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
         RecordEarlier();
         EXPECT_EQ(VLIBCErrLogSet(row.szFile, row.szText), row.nResult) << row.szName;
-        EXPECT_EQ(ReadFile(strLog), row.szLog) << row.szName;
-        EXPECT_EQ(Recorded(), row.record) << row.szName;
-        EXPECT_EQ(std::distance(fs::directory_iterator("/proc/self/fd"), {}), cFds) << row.szName;
+        EXPECT_EQ(sandbox::ReadFile(strLog), row.szLog) << row.szName;
+        EXPECT_EQ(Recorded(), row.szRecord) << row.szName;
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}), cFds)
+            << row.szName;
     }
 }
 
 TEST(StrTrimSpace, TrimsBlanksThenOnePairOfQuotes)
 {
-    const Record kInside = {ERR_BAD_PARAMETERS, "string_trim_space.cpp", 112};
-    // VLIBCStrTrimSpace of szInput into the output nOffset bytes after it
-    // (none: in place): the result, the text at the output (at the input
-    // after a failure), the record.
+    const char kInside[] = "ERR_BAD_PARAMETERS at string_trim_space.cpp:112";
+    const int kInPlace = INT_MIN;
+    // VLIBCStrTrimSpace of szInput into the output nOffset bytes after it: the
+    // result, the text at the output (at the input after a failure), the record.
     struct Row {
         const char *szName, *szInput;
-        std::optional<int> nOffset;
-        int nResult;
-        const char *szText;
-        Record record = kEarlier;
+        int nOffset, nResult;
+        const char *szText, *szRecord = kEarlier;
     } const rows[] = {
-        {"a lone quote stays", " \" ", {}, 1, "\""},
-        {"two quotes leave nothing", "\"\"", {}, 0, ""},
-        {"VT, FF and high bytes stay", "\v 'x' \f\x89", {}, 8, "\v 'x' \f\x89"},
-        {"blanks only", " \t\r\n", {}, 0, ""},
+        {"a lone quote stays", " \" ", kInPlace, 1, "\""},
+        {"two quotes leave nothing", "\"\"", kInPlace, 0, ""},
+        {"one pair, inner blanks stay", "\t\" a \"\r\n", kInPlace, 3, " a "},
+        {"VT, FF and high bytes stay", "\v 'x' \f\x89", kInPlace, 8, "\v 'x' \f\x89"},
+        {"blanks only", " \t\r\n", kInPlace, 0, ""},
+        {"output on the input", " ab ", 0, 2, "ab"},
         {"output before the input", " ab ", -1, 2, "ab"},
         {"output past the terminator", " ab ", 5, 2, "ab"},
         {"output inside the input", " ab ", 1, -1, " ab ", kInside},
@@ -85,23 +130,20 @@ TEST(StrTrimSpace, TrimsBlanksThenOnePairOfQuotes)
     for (const Row &row : rows) {
         char buf[32] = {};
         char *szInput = strcpy(buf + 1, row.szInput);
-        char *szOutput = row.nOffset ? szInput + *row.nOffset : nullptr;
+        char *szOutput = row.nOffset == kInPlace ? nullptr : szInput + row.nOffset;
         RecordEarlier();
         const int ret = VLIBCStrTrimSpace(szInput, szOutput);
         EXPECT_EQ(ret, row.nResult) << row.szName;
         EXPECT_STREQ(ret < 0 || szOutput == nullptr ? szInput : szOutput, row.szText) << row.szName;
-        EXPECT_EQ(Recorded(), row.record) << row.szName;
+        EXPECT_EQ(Recorded(), row.szRecord) << row.szName;
     }
     EXPECT_EQ(VLIBCStrTrimSpace(nullptr, nullptr), -1);
-    EXPECT_EQ(Recorded(), (Record{ERR_BAD_PARAMETERS, "string_trim_space.cpp", 104}));
+    EXPECT_EQ(Recorded(), "ERR_BAD_PARAMETERS at string_trim_space.cpp:104");
 }
 
-TEST(StrTokIndex, HandsOutNonEmptyTokensAndRecordsNothing)
+TEST(StrTokIndex, GivesNothingForNothingAndRecordsNothing)
 {
-    char szText[] = "=a==b", *pchCursor = szText, *pchNull = nullptr;
-    EXPECT_STREQ(VLIBCStrTokIndex(&pchCursor, "="), "a");
-    EXPECT_STREQ(VLIBCStrTokIndex(&pchCursor, "="), "b");
-    EXPECT_EQ(pchCursor, nullptr) << "the cursor after the last token";
+    char *pchNull = nullptr, szText[] = "a", *pchCursor = szText;
     RecordEarlier();
     EXPECT_EQ(VLIBCStrTokIndex(nullptr, "="), nullptr);
     EXPECT_EQ(VLIBCStrTokIndex(&pchNull, "="), nullptr);
@@ -111,19 +153,17 @@ TEST(StrTokIndex, HandsOutNonEmptyTokensAndRecordsNothing)
 
 TEST(FileGetKeyValue, ReadsTheValueOfAKey)
 {
-    const std::string strFile = Scratch("VERSION");
-    const Record kNone = {ERR_KEY_NOT_FOUND, "file_get_key_value.cpp", 108};
-    const Record kBig = {ERR_NOT_ENOUGH_MEMORY, kNone.strFile, 88};
-    const Record kBad = {ERR_BAD_PARAMETERS, kNone.strFile, 52};
+    const char kNone[] = "ERR_KEY_NOT_FOUND at file_get_key_value.cpp:108";
+    const char kBig[] = "ERR_NOT_ENOUGH_MEMORY at file_get_key_value.cpp:88";
+    const char kBad[] = "ERR_BAD_PARAMETERS at file_get_key_value.cpp:52";
     const int kMeasure = -1, kNullSized = -2;  // no buffer, with the size 0 or 4
     // VLIBCFileGetKeyValue of szKey in a file holding szFile (nullptr: none)
-    // into a buffer holding "before" of sizeMax bytes, with flag: the result,
-    // the buffer, the record.
+    // into a buffer of sizeMax bytes that held "before", with flag: the
+    // result, the buffer, the record.
     struct Row {
         const char *szName, *szFile, *szKey;
         int sizeMax, flag, nResult;
-        const char *szValue;
-        Record record = kEarlier;
+        const char *szValue, *szRecord = kEarlier;
     } const rows[] = {
         {"measured", "k=7321", "k", kMeasure, 0, 5, "before"},
         {"fits", "k=7321", "k", 5, 0, 5, "7321"},
@@ -135,33 +175,33 @@ TEST(FileGetKeyValue, ReadsTheValueOfAKey)
         {"comments", "#k=1\n;k=2\n", "k", 32, 0, 0, "before", kNone},
         {"a blank before #", " #k=1\n", "#k", 32, 0, 2, "1"},
         {"leading =", "=k=1=2\n", "k", 32, 0, 4, "1=2"},
+        {"quotes, blanks, CR LF", "K=2\r\n \"k\" = \"7\" \r\n", "k", 32, 0, 2, "7"},
         {"empty value", "k=\n", "k", 32, 0, 0, "before", kNone},
         {"blank value", "k= \n", "k", 32, 0, 1, ""},
-        {"no file", nullptr, "k", 32, 0, -1, "before", {ERR_OPEN_FAILED, kNone.strFile, 56}},
+        {"no file", nullptr, "k", 32, 0, -1, "before",
+         "ERR_OPEN_FAILED at file_get_key_value.cpp:56"},
         {"null key", "", nullptr, 32, 0, -1, "before", kBad},
         {"negative flag", "", "k", 32, -1, -1, "before", kBad},
         {"no buffer, a size", "", "k", kNullSized, 0, -1, "before", kBad},
     };
     for (const Row &row : rows) {
-        fs::remove(strFile);
-        if (row.szFile != nullptr)
-            WriteFile(strFile, row.szFile);
+        const std::string strFile = row.szFile != nullptr ? MemFile(row.szFile) : "/no/file";
         char szBuffer[64] = "before";
-        RecordEarlier();
         const bool blNull = row.sizeMax == kMeasure || row.sizeMax == kNullSized;
-        const int sizeMax = row.sizeMax == kMeasure ? 0 : blNull ? 4 : row.sizeMax;
+        RecordEarlier();
         EXPECT_EQ(VLIBCFileGetKeyValue(strFile.c_str(), row.szKey, blNull ? nullptr : szBuffer,
-                                       sizeMax, row.flag),
+                                       row.sizeMax == kNullSized ? 4 : std::max(row.sizeMax, 0),
+                                       row.flag),
                   row.nResult)
             << row.szName;
         EXPECT_STREQ(szBuffer, row.szValue) << row.szName;
-        EXPECT_EQ(Recorded(), row.record) << row.szName;
+        EXPECT_EQ(Recorded(), row.szRecord) << row.szName;
     }
     char szLine[] = "k=v";
     EXPECT_EQ(VLIBCFileGetKeyValue(nullptr, "k", szLine, 4, 0), -1);
     EXPECT_EQ(Recorded(), kBad);
     EXPECT_EQ(VLIBCILineKeyMatch(szLine, nullptr), 0);
-    EXPECT_EQ(Recorded(), (Record{ERR_BAD_PARAMETERS, "file_line_key_match.cpp", 36}));
+    EXPECT_EQ(Recorded(), "ERR_BAD_PARAMETERS at file_line_key_match.cpp:36");
 }
 
 TEST(FileCloseLock, FreesEveryRowUpToTheTerminator)
@@ -174,10 +214,8 @@ TEST(FileCloseLock, FreesEveryRowUpToTheTerminator)
         uBits |= uBit;
     }
     EXPECT_EQ(VLIBCFileCloseLock(), 0) << "a fresh table holds nothing";
-    for (const auto &[nRow, cLock] : {std::pair(1, 2), {2, 1}, {27, 1}}) {
-        rgslckList[nRow].pfFile = fopen(Scratch("lock" + std::to_string(nRow)).c_str(), "w");
-        rgslckList[nRow].cLock = cLock;
-    }
+    for (const int idx : {1, 2, 27})
+        rgslckList[idx].pfFile = fopen("/dev/null", "w"), rgslckList[idx].cLock = 1;
     rgslckList[3].cLock = 4;              // a count without a stream
     close(fileno(rgslckList[2].pfFile));  // its close will fail
     EXPECT_EQ(VLIBCFileCloseLock(), -1) << "row 2's close failed";
@@ -191,299 +229,323 @@ TEST(FileCloseLock, FreesEveryRowUpToTheTerminator)
     EXPECT_EQ(rgslckList[6].cLock, 3) << "rows after the terminator are never visited";
 }
 
-// The probe: this program run again as "--probe CALL", a caller that holds
-// what a child must not keep by chance (VYRA_CALLER, /etc/passwd on 0,
-// /etc/hostname on 3, lock row 1, /tmp as directory, "once" buffered for
-// /tmp/once). Once every program it started has ended, it prints the result,
-// the record (code, file, line) and whether SIGCHLD has SA_NOCLDWAIT.
-int Call(const std::string &strCall, const std::string &strArg)
+const char kUpdateLog[] = "/var/log/vyraupdate.log", kInstallerLog[] = "/var/log/dpkg_upgrade.log";
+const time_t tStart = time(nullptr);
+
+// The system log as text: standard error as "2> TEXT", a stand-in's start as
+// "$ " and what it found (standin.sh), broken where it passes 100 columns
+// before its first " | " and then at the command's last blank within them;
+// every other message as "<PRI>TEXT" without the line number after its file
+// name, marked " (no newline)" where it lacks its line end.
+std::string Journal(const Lines &log)
 {
-    if (strCall == "execl")
-        return VLIBCExecl("/usr/bin/prog", atoi(strArg.c_str()), "/how", "b", (char *)nullptr);
-    if (strCall == "exec")
-        return VLIBCExec(strArg == "missing" ? "/no/such" : "/usr/bin/prog", "/how", "b", nullptr,
-                         "c");
-    if (strCall == "dpkg" && strArg.empty())
-        return DebianLib::ExecDpkg("-i", "/x/a.deb") ? 1 : 0;
-    if (strCall == "dpkg")
-        return DebianLib::ExecDpkg("-i", "/x/a.deb", strArg) ? 1 : 0;
-    if (strCall == "fork") {
-        const pid_t pid = VLIBCProcForkEx(0);
-        if (pid == 0)
-            exit(0);
-        return pid > 0 ? 1 : pid;
+    std::string str;
+    for (std::string strMsg : log) {
+        const auto posLine = strMsg.find(".cpp:"), posText = strMsg.find(' ', posLine);
+        if (strMsg.rfind("<13>", 0) == 0) {
+            strMsg.replace(0, 4, "$ ");
+            if (strMsg.size() > 100)
+                strMsg.replace(strMsg.find(" | "), 1, "\n  ");
+            if (std::min(strMsg.find('\n'), strMsg.size()) > 100)
+                strMsg.replace(strMsg.rfind(' ', 100), 1, "\n  ");
+            strMsg += "\n";
+        } else if (strMsg.rfind('<', 0) != 0) {
+            strMsg.insert(0, "2> ");
+        } else if (posLine != std::string::npos && posText != std::string::npos) {
+            strMsg.erase(posLine + 5, posText - posLine - 5);
+        }
+        str += strMsg.back() == '\n' ? strMsg : strMsg + " (no newline)\n";
     }
-    if (fork() == 0)  // a fork of its own, so that a failed first fork is the intermediate's
-        _exit(0);
-    return VLIBCExecl("/bin/true", FORK_DETACH, (char *)nullptr);
+    return str;
 }
-int Probe(const std::string &strWhat)
+// A run as text, from a line end on, so that a transcript written in R"(...)"
+// starts on a line of its own: "exit N" or "signal N" unless it exited 0; what
+// it printed; the system log; each log that exists, after "--- PATH", a record
+// stamped with local time (kEnv) since this program started as "[stamp] TEXT",
+// and dpkg's own output as it is, or left out where !blOutput.
+std::string Transcript(const sandbox::Result &res, bool blOutput = true)
 {
-    const std::string strCall = strWhat.substr(0, strWhat.find(' '));
-    const std::string strArg = strCall == strWhat ? "" : strWhat.substr(strCall.size() + 1);
-    int fds[2];
-    FILE *pfOnce = nullptr;
-    if (dup2(open("/etc/passwd", O_RDONLY | O_CLOEXEC), 0) != 0 ||
-        dup2(open("/etc/hostname", O_RDONLY | O_CLOEXEC), 3) != 3 || chdir("/tmp") != 0 ||
-        pipe2(fds, O_CLOEXEC) != 0 || (pfOnce = fopen("/tmp/once", "we")) == nullptr)
-        return 2;
-    fputs("once", pfOnce);
-    setenv("VYRA_CALLER", "kept", 1);
-    rgslckList[1].pfFile = fopen("/tmp/lock_pw", "w");
-    struct sigaction sa = {};
-    sa.sa_flags = SA_NOCLDWAIT;
-    if (strArg == "nocldwait")
-        sigaction(SIGCHLD, &sa, nullptr);
-    const int fdOut = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
-    dup2(fds[1], STDOUT_FILENO);  // a pipe, whose end tells when the program ends
-    close(fds[1]);
-    const int ret = Call(strCall, strArg);
-    dup2(fdOut, STDOUT_FILENO);
-    for (char buf[64]; read(fds[0], buf, sizeof(buf)) > 0;) {
+    std::string str = "\n";
+    if (res.status != 0)
+        str += (WIFEXITED(res.status) ? "exit " : "signal ") + std::to_string(res.Code() % 1000) +
+               "\n";
+    str += res.out + Journal(res.log);
+    for (const char *szLog : {kUpdateLog, kInstallerLog}) {
+        const std::string strLog = szLog;
+        std::istringstream in(sandbox::ReadFile(strLog));
+        str += std::filesystem::exists(strLog) ? "--- " + strLog + "\n" : "";
+        for (std::string strLine; std::getline(in, strLine);) {
+            struct tm tm = {};
+            const char *pchEnd = strptime(strLine.c_str(), "%Y/%m/%d %H:%M:%S", &tm);
+            const time_t tStamp = timegm(&tm) - 5 * 3600;
+            if (pchEnd == &strLine[19] && *pchEnd == '\t' && tStamp >= tStart - 1 &&
+                tStamp <= time(nullptr))
+                str += "[stamp] " + strLine.substr(20) + "\n";
+            else if (blOutput)
+                str += strLine + "\n";
+        }
     }
-    while (wait(nullptr) > 0) {
-    }
-    sigaction(SIGCHLD, nullptr, &sa);
-    const char *szFile = VLIBCErrorGetFile();
-    printf("%d %d %s %d %d\n", ret, static_cast<int>(vyraerrno), szFile ? szFile : "-",
-           static_cast<int>(VLIBCErrorGetLine()), (sa.sa_flags & SA_NOCLDWAIT) != 0);
-    return fclose(pfOnce);
+    return str;
 }
 
-// What a program the probe started found of the probe's.
-enum Found : unsigned {
-    kCallerEnv = 1,   // the variable VYRA_CALLER
-    kPath = 2,        // PATH
-    kFd3 = 4,         // descriptor 3, on /etc/hostname, read-only
-    kLock = 8,        // the lock file of row 1
-    kNullStdio = 16,  // /dev/null on 0-2, and nowhere else
-    kToLog = 32,      // the installer log on 1 and 2, and nowhere else
-    kInRoot = 64,     // "/" as working directory
-    kLeader = 128,    // the leader of a session of its own
-    kNotStarted = 256,
-    kAsCaller = kCallerEnv | kPath | kFd3 | kLock,
-    kByExec = kPath | kFd3 | kNullStdio | kInRoot | kLeader,
-};
-Found operator|(Found found, Found other)
-{
-    return Found(unsigned(found) | other);
-}
-void PrintTo(Found found, std::ostream *pout)
-{
-    const char *rgszNames[] = {
-        "VYRA_CALLER",          "PATH", "descriptor 3",   "lock",       "/dev/null on 0-2",
-        "installer log on 1-2", "in /", "session leader", "not started"};
-    for (unsigned idx = 0; idx < std::size(rgszNames); ++idx)
-        *pout << ((found >> idx & 1) != 0 ? rgszNames[idx] + std::string("; ") : "");
-}
-Found Saw(const sandbox::StandinCall &call)
-{
-    const auto on = [&call](const std::string &strTarget) {
-        std::set<int> fds;
-        for (const auto &[fd, str] : call.fds)
-            fds.insert(str == strTarget ? fd : -1);
-        fds.erase(-1);
-        return fds;
-    };
-    const std::pair<bool, Found> flags[] = {
-        {call.env.find("VYRA_CALLER=") != std::string::npos, kCallerEnv},
-        {call.env.find("PATH=") != std::string::npos, kPath},
-        {call.fds.count(3) != 0 && call.fds.at(3) == "/etc/hostname (read-only)", kFd3},
-        {!on("/tmp/lock_pw").empty(), kLock},
-        {on("/dev/null") == std::set{0, 1, 2}, kNullStdio},
-        {on("/var/log/dpkg_upgrade.log") == std::set{1, 2}, kToLog},
-        {call.cwd == "/", kInRoot},
-        {call.sid == call.pid, kLeader}};
-    Found found = Found(0);
-    for (const auto &[blSeen, flag] : flags)
-        found = found | (blSeen ? flag : Found(0));
-    return found;
-}
+// Every run's: local time five hours east of UTC, where a stamp in UTC shows.
+const Lines kEnv = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "TZ=XYZ-5"};
+const Lines kTool = {VYRA_TOOL_COMMAND, "-x", "a.deb"};  // arguments change nothing
 
-Lines Strace(const std::string &strInject, const Lines &options = {})
+Lines operator+(Lines argv, const Lines &more)
 {
-    Lines argv = {"/usr/bin/strace", "-qq", "-o", "/tmp/strace", "-e", "inject=" + strInject};
-    argv.insert(argv.end(), options.begin(), options.end());
-    argv.push_back("--");
+    argv.insert(argv.end(), more.begin(), more.end());
     return argv;
+}
+// Runs the rest under strace, without LeakSanitizer, which cannot trace then.
+Lines Strace(const std::string &strWhat, const Lines &options = {})
+{
+    return Lines{"/usr/bin/strace", "-qq", "-o", "/tmp/strace", "-e", strWhat} + options +
+           Lines{"--", "/usr/bin/env", "ASAN_OPTIONS=detect_leaks=0"};
 }
 // Runs the rest in a mount namespace of its own, after strFirst.
 Lines First(const std::string &strFirst)
 {
-    return {"/usr/bin/unshare", "-m", "/bin/sh", "-c", strFirst + " && exec \"$@\"", "sh"};
+    return {"/usr/bin/unshare",
+            "-m",
+            "/bin/sh",
+            "-c",
+            "exec < /dev/null; unset PWD; " + strFirst + " && exec \"$@\"",
+            "sh"};
 }
-const std::string kInstallerLog = "/var/log/dpkg_upgrade.log";
-const Lines kNoClone = Strace("clone:error=EAGAIN:when=1");
-const Lines kWaitInterrupted = Strace("wait4:error=EINTR:when=1");
-// A /dev that holds nothing but the system log's socket.
-const std::string kOnlyDevLog =
-    "mount --bind /dev /mnt && mount -t tmpfs none /dev && ln -s /mnt/log /dev/log";
+const Lines kWaitInterrupted = Strace("inject=wait4:error=EINTR:when=1");
 
-// The probe's szCall, started by the runner, where /how and /x/a.deb tell the
-// stand-ins /usr/bin/prog and /usr/bin/dpkg strHow: the result and record it
-// printed, whether SIGCHLD kept SA_NOCLDWAIT (it sets it for "nocldwait"),
-// what the program found, the installer log, and the system log: the
-// program's start, and szLogged. The program's standard error reaches the
-// probe's unless it is /dev/null or the log, which has the mode of any file
-// the probe makes. Nothing buffered is written twice.
-struct ProbeRow {
-    const char *szName, *szCall;
-    int nResult;
-    Found found = kNotStarted;
-    Record record = {};
-    Lines runner = {};
-    std::string strHow = "standin prog: exit 3\n";
-    Lines installerLog = {};
-    const char *szLogged = nullptr;
-};
-void Check(const ProbeRow &row)
+// A fresh machine whose update directory holds the files (a path that ends in
+// "/" is a directory), and the stand-in prog.
+void Prepare(const Files &files)
 {
-    WriteFile("/how", row.strHow);
-    WriteFile("/x/a.deb", row.strHow);
-    fs::remove("/var/log/dpkg_upgrade.log");
-    const size_t cCalls = sandbox::Calls().size();
-    Lines argv = row.runner;
-    argv.insert(argv.end(), {VYRA_TEST_COMMAND, "--probe", row.szCall});
-    const auto res = sandbox::Run(argv, Env(argv));
-    Record record;
-    int nResult = 0, code = 0, blNoCldWait = 0;
-    std::istringstream(res.out) >> nResult >> code >> record.strFile >> record.nLine >> blNoCldWait;
-    record.code = VYRAERR(code);
-    record.strFile = record.strFile == "-" ? "" : record.strFile;
-    const auto calls = sandbox::Calls();
-    const std::string strCall = row.szCall;
-    Lines journal = Journal(res.log), expected;
-    if (row.found != kNotStarted)
-        expected.push_back(strCall.rfind("dpkg", 0) == 0
-                               ? "$ /usr/bin/dpkg -i /x/a.deb" + strCall.substr(4)
-                               : "$ /usr/bin/prog /how b");
-    if (row.szLogged != nullptr)
-        expected.push_back(row.szLogged);
-    std::sort(journal.begin(), journal.end());
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(nResult, row.nResult) << row.szName;
-    EXPECT_EQ(record, row.record) << row.szName;
-    EXPECT_EQ(blNoCldWait != 0, strCall.find("nocldwait") != std::string::npos) << row.szName;
-    EXPECT_EQ(calls.size() > cCalls ? Saw(calls.back()) : kNotStarted, row.found) << row.szName;
-    EXPECT_EQ(res.err.find("to standard error") != std::string::npos,
-              row.found != kNotStarted && (row.found & (kNullStdio | kToLog)) == 0)
-        << row.szName;
-    EXPECT_EQ(LogLines("/var/log/dpkg_upgrade.log"), row.installerLog) << row.szName;
-    EXPECT_EQ(journal, expected) << row.szName;
-    EXPECT_EQ(ReadFile("/tmp/once"), "once") << row.szName << ": buffered output written twice";
-    const auto perms = fs::status("/var/log/dpkg_upgrade.log").permissions();
-    if (perms != fs::perms::unknown) {
-        EXPECT_EQ(perms, fs::status("/tmp/once").permissions()) << row.szName;
+    sandbox::Machine();
+    sandbox::InstallStandin("/usr/bin/prog");
+    for (const auto &[strPath, strContent] : files) {
+        if (strPath.back() == '/')
+            std::filesystem::create_directories(strPath);
+        else
+            sandbox::WriteFile(strPath, strContent);
     }
+}
+// On a fresh machine that holds the files, the runner starts the command.
+struct Scenario {
+    const char *szName;
+    Lines runner, command;
+    Files files;
+    const char *szTranscript;
+};
+void Check(const Scenario &row)
+{
+    Prepare(row.files);
+    EXPECT_EQ(Transcript(sandbox::Run(row.runner + row.command, kEnv)), row.szTranscript)
+        << row.szName;
+}
+
+// The probe: this program run again as "--probe CALL...", a caller that holds
+// what a child must not keep by chance (TZ, /etc/passwd on descriptor 3, output
+// that stdio keeps buffered) and makes each call (see Call) in turn, then says
+// on standard error how it ended, once every program it started ended: the
+// result, the record, and how SIGCHLD is handled. "lock" takes lock row 1 on
+// /tmp/lock, and "nocldwait" catches SIGCHLD with SA_NOCLDWAIT.
+void OnChild(int)
+{
+}
+std::string Call(const std::string &strCall)
+{
+    std::istringstream in(strCall);
+    std::string strVerb, strPath, strArg;
+    in >> strVerb >> strPath >> strArg;
+    if (strVerb == "execl")
+        return std::to_string(VLIBCExecl("/usr/bin/prog", std::stoi(strPath), "x", nullptr));
+    if (strVerb == "exec")
+        return std::to_string(VLIBCExec(strPath.c_str(), strArg.c_str(), "b", nullptr, "c"));
+    if (strVerb == "fork") {
+        const pid_t pid = VLIBCProcForkEx(0);
+        if (pid == 0)
+            _exit(0);
+        return pid > 0 ? "a child" : std::to_string(pid);
+    }
+    if (strVerb == "detach") {
+        if (fork() == 0)  // so that under strace -f a first failed fork is the intermediate's
+            _exit(0);
+        return std::to_string(VLIBCExecl(strPath.c_str(), FORK_DETACH, nullptr));
+    }
+    const bool blInstalled = strArg.empty() ? DebianLib::ExecDpkg("-i", strPath)
+                                            : DebianLib::ExecDpkg("-i", strPath, strArg);
+    return blInstalled ? "installed" : "not installed";
+}
+int Probe(int argc, char **argv)
+{
+    if (open("/etc/passwd", O_RDONLY) != 3 || prctl(PR_SET_CHILD_SUBREAPER, 1) != 0)
+        return 2;
+    FILE *pfOnce = fopen("/tmp/once", "we");
+    fputs("once", pfOnce);
+    for (const std::string &strCall : std::vector<std::string>(argv + 2, argv + argc)) {
+        struct sigaction sa = {};
+        sa.sa_handler = OnChild;
+        sa.sa_flags = SA_NOCLDWAIT | SA_RESTART;
+        if (strCall == "lock")
+            rgslckList[1].pfFile = fopen("/tmp/lock", "w");
+        else if (strCall == "nocldwait")
+            sigaction(SIGCHLD, &sa, nullptr);
+        if (strCall == "lock" || strCall == "nocldwait")
+            continue;
+        VLIBCErrSet(ERR_SUCCESS);
+        const std::string strResult = Call(strCall);
+        while (wait(nullptr) > 0) {
+        }
+        sigaction(SIGCHLD, nullptr, &sa);
+        fprintf(stderr, "%s: %s, %s; SIGCHLD %s%s\n", strCall.c_str(), strResult.c_str(),
+                Recorded().c_str(),
+                sa.sa_handler == SIG_DFL   ? "default"
+                : sa.sa_handler == SIG_IGN ? "ignored"
+                : sa.sa_handler == OnChild ? "caught"
+                                           : "changed",
+                (sa.sa_flags & SA_NOCLDWAIT) != 0 ? ", SA_NOCLDWAIT" : "");
+    }
+    fclose(pfOnce);
+    if (sandbox::ReadFile("/tmp/once") != "once")
+        fprintf(stderr, "output that stdio held before a call was written twice\n");
+    return 0;
+}
+Lines Probe(const Lines &calls)
+{
+    return Lines{VYRA_TEST_COMMAND, "--probe"} + calls;
 }
 
 TEST(ProcessExecution, PreparesTheChildAsAskedAndTellsHowItEnded)
 {
     NEEDS_SANDBOX();
-    const Record kFailed = {ERR_OP_FAILURE, "proc_execl.cpp", 90};
-    const Record kForkFail = {ERR_FORK_FAIL, "proc_fork.cpp", 54};
+    const Lines kEach = {"lock",    "execl 1",  "execl 2",  "execl 4",
+                         "execl 8", "execl 16", "execl 32", "execl 64"};
+    const Lines kExec = {
+        "lock",      "exec /usr/bin/prog /exit3", "exec /usr/bin/prog /kill", "exec /no/such",
+        "nocldwait", "exec /usr/bin/prog /exit3"};
+    const Lines kExit3 = {"exec /usr/bin/prog /exit3"}, kDetach = {"detach /bin/true"};
+    const Files kHow = {{"/exit3", "standin prog: exit 3\n"},
+                        {"/kill", "standin prog: kill KILL\n"}};
     const Lines kIgnoring = {"/bin/bash", "-c", "trap '' CHLD; exec \"$@\"", "bash"};
-    const Lines kNoSecondFork = Strace("clone:error=EAGAIN:when=1", {"-f"});
-    const char kSecondForkFail[] = "proc_fork.cpp:104 Failed to fork(). errno=[11/Resource "
-                                   "temporarily unavailable]";
-    const std::string kKill = "standin prog: kill KILL\n";
-    const ProbeRow rows[] = {
-        {"FORK_NULL_STDIO", "execl 1", 3, kAsCaller | kNullStdio},
-        {"FORK_CLOSE_LOCKS", "execl 2", 3, kCallerEnv | kPath | kFd3},
-        {"FORK_CLOSE_ALL_FDS", "execl 4", 3, kCallerEnv | kPath},
-        {"FORK_PATH_ONLY_ENV", "execl 8", 3, kPath | kFd3 | kLock},
-        {"FORK_CHDIR_ROOT", "execl 16", 3, kAsCaller | kInRoot},
-        {"FORK_NEW_SESSION", "execl 32", 3, kAsCaller | kLeader},
-        {"FORK_DETACH", "execl 64", 0, kAsCaller},
-        {"VLIBCExec", "exec", 3, kByExec},
-        {"killed", "exec", -1, kByExec, kFailed, {}, kKill},
-        {"no such program", "exec missing", 255},
-        {"SIGCHLD ignored", "exec", 0, kByExec, {}, kIgnoring},
-        {"SA_NOCLDWAIT kept", "exec nocldwait", 3, kByExec},
-        {"no fork", "fork", -1, kNotStarted, kForkFail, kNoClone},
-        {"no fork to exec", "exec", -1, kNotStarted, kFailed, kNoClone},
-        {"interrupted wait", "exec", 3, kByExec, {}, kWaitInterrupted},
-        {"no second fork to detach",
-         "detach",
-         -1,
-         kNotStarted,
-         kFailed,
-         kNoSecondFork,
-         "",
+    const Lines kNoClone = Strace("inject=clone:error=EAGAIN");
+    const Lines kNoSecondFork = Strace("inject=clone:error=EAGAIN:when=1", {"-f"});
+    const Scenario rows[] = {
+        {"each flag", {}, Probe(kEach), {}, R"(
+$ prog x | PATH TZ | /tmp | 0-2<>/dev/null 3</etc/passwd 5>/tmp/lock | not leader
+2> execl 1: 0, no record; SIGCHLD default
+$ prog x | PATH TZ | /tmp | 0</dev/null 1<>deleted 2<>socket 3</etc/passwd | not leader
+2> execl 2: 0, no record; SIGCHLD default
+$ prog x | PATH TZ | /tmp | 0</dev/null 1<>deleted 2<>socket | not leader
+2> execl 4: 0, no record; SIGCHLD default
+$ prog x | PATH | /tmp | 0</dev/null 1<>deleted 2<>socket 3</etc/passwd 5>/tmp/lock | not leader
+2> execl 8: 0, no record; SIGCHLD default
+$ prog x | PATH TZ | / | 0</dev/null 1<>deleted 2<>socket 3</etc/passwd 5>/tmp/lock | not leader
+2> execl 16: 0, no record; SIGCHLD default
+$ prog x | PATH TZ | /tmp | 0</dev/null 1<>deleted 2<>socket 3</etc/passwd 5>/tmp/lock | leader
+2> execl 32: 0, no record; SIGCHLD default
+$ prog x | PATH TZ | /tmp | 0</dev/null 1<>deleted 2<>socket 3</etc/passwd 5>/tmp/lock | not leader
+2> execl 64: 0, no record; SIGCHLD default
+)"},
+        {"VLIBCExec, and how a program ends", {}, Probe(kExec), kHow, R"(
+$ prog /exit3 b | PATH | / | 0-2<>/dev/null 3</etc/passwd | leader
+2> exec /usr/bin/prog /exit3: 3, no record; SIGCHLD default
+$ prog /kill b | PATH | / | 0-2<>/dev/null 3</etc/passwd | leader
+2> exec /usr/bin/prog /kill: -1, ERR_OP_FAILURE at proc_execl.cpp:90; SIGCHLD default
+2> exec /no/such: 255, no record; SIGCHLD default
+$ prog /exit3 b | PATH | / | 0-2<>/dev/null 3</etc/passwd | leader
+2> exec /usr/bin/prog /exit3: 3, no record; SIGCHLD caught, SA_NOCLDWAIT
+)"},
+        {"SIGCHLD ignored", kIgnoring, Probe(kExit3 + kDetach), kHow, R"(
+$ prog /exit3 b | PATH | / | 0-2<>/dev/null 3</etc/passwd | leader
+2> exec /usr/bin/prog /exit3: 0, no record; SIGCHLD ignored
+2> detach /bin/true: 0, no record; SIGCHLD ignored
+)"},
+        {"no fork", kNoClone, Probe(Lines{"fork"} + kExit3), kHow, R"(
+2> fork: -1, ERR_FORK_FAIL at proc_fork.cpp:54; SIGCHLD default
+2> exec /usr/bin/prog /exit3: -1, ERR_OP_FAILURE at proc_execl.cpp:90; SIGCHLD default
+)"},
+        {"an interrupted wait", kWaitInterrupted, Probe(kExit3), kHow, R"(
+$ prog /exit3 b | PATH | / | 0-2<>/dev/null 3</etc/passwd | leader
+2> exec /usr/bin/prog /exit3: 3, no record; SIGCHLD default
+)"},
+        {"no second fork to detach", kNoSecondFork, Probe(kDetach), {}, R"(
+<11>proc_fork.cpp: Failed to fork(). errno=[11/Resource temporarily unavailable] (no newline)
+2> detach /bin/true: -1, ERR_OP_FAILURE at proc_execl.cpp:90; SIGCHLD default
+)"},
+        {"the detach's wait fails",
+         Strace("inject=wait4:error=EINVAL:when=1"),
+         Probe(kDetach),
          {},
-         kSecondForkFail},
-        {"detach's wait fails", "detach", -1, kNotStarted, kFailed,
-         Strace("wait4:error=EINVAL:when=1")},
-        {"no /dev/null", "exec", 3, kPath | kFd3 | kInRoot | kLeader, {}, First(kOnlyDevLog)},
+         R"(
+2> detach /bin/true: -1, ERR_OP_FAILURE at proc_execl.cpp:90; SIGCHLD default
+)"},
     };
-    sandbox::InstallStandin("/usr/bin/prog");
-    for (const ProbeRow &row : rows)
+    for (const Scenario &row : rows)
         Check(row);
 }
 
 TEST(ExecDpkg, RunsDpkgWithItsOutputInTheInstallerLog)
 {
     NEEDS_SANDBOX();
-    const std::string kBanner = " ===========[-i /x/a.deb ]===========";
-    const std::string kOut = "<not a record>stand-in dpkg: to standard output";
-    const std::string kErr = "<not a record>stand-in dpkg: to standard error";
-    const Lines kLog = {kBanner, kOut, kErr},
-                kNoDpkgLog = {kBanner, "Failed to install -i/x/a.deb"};
-    const Lines kFolderLog = {" ===========[-i /x/a.deb /f]===========", kOut, kErr,
-                              "Failed to install -i/x/a.deb/f"};
-    const Lines kNoDpkg = First("mount --bind /dev/null /usr/bin/dpkg");
-    const Lines kReadOnly = First("mount -o bind,ro /var/log /var/log");
-    const Lines kNoBannerOpen = Strace("openat:error=EMFILE:when=1", {"-P", kInstallerLog});
-    const Record kNoBanner = {ERR_OPEN_FAILED, "error_log_set.cpp", 37};
-    const Found kToLogged = kAsCaller | kToLog;
-    const std::string kKill = "standin dpkg: kill KILL\n", kExit1 = "standin dpkg: exit 1\n";
-    const char kForkFail[] = "debian_lib.cpp: Fail to fork";
-    const char kWaitFail[] = "debian_lib.cpp: Fail to exec [dpkg -i /x/a.deb] error=[Interrupted "
-                             "system call]";
-    // As ProcessExecution's, where the probe prints 1 when ExecDpkg said installed.
-    const ProbeRow rows[] = {
-        {"killed", "dpkg", 1, kToLogged, {}, {}, kKill, kLog},
-        {"failed, with a folder", "dpkg /f", 0, kToLogged, {}, {}, kExit1, kFolderLog},
-        {"no dpkg to run", "dpkg", 0, kNotStarted, {}, kNoDpkg, "", kNoDpkgLog},
-        {"read-only log", "dpkg", 0, kAsCaller, kNoBanner, kReadOnly, "standin dpkg: exit 3\n"},
-        {"the banner cannot open the log",
-         "dpkg",
-         1,
-         kToLogged,
-         kNoBanner,
-         kNoBannerOpen,
-         "",
-         {kOut, kErr}},
-        {"no fork", "dpkg", 0, kNotStarted, {}, kNoClone, "", {kBanner}, kForkFail},
-        {"interrupted wait", "dpkg", 0, kToLogged, {}, kWaitInterrupted, "", kLog, kWaitFail},
+    const Files kDebs = {{"/x/a.deb", "standin dpkg: exit 1\n"},
+                         {"/x/kill.deb", "standin dpkg: kill KILL\n"}};
+    const Scenario rows[] = {
+        {"a failure, with a folder, and a signal",
+         {},
+         Probe({"dpkg /x/a.deb /f", "dpkg /x/kill.deb"}),
+         kDebs,
+         R"(
+$ dpkg -i /x/a.deb /f
+  | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log 3</etc/passwd | not leader
+2> dpkg /x/a.deb /f: not installed, no record; SIGCHLD default
+$ dpkg -i /x/kill.deb
+  | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log 3</etc/passwd | not leader
+2> dpkg /x/kill.deb: installed, no record; SIGCHLD default
+--- /var/log/dpkg_upgrade.log
+[stamp]  ===========[-i /x/a.deb /f]===========
+stand-in dpkg: exit 1
+[stamp] Failed to install -i/x/a.deb/f
+[stamp]  ===========[-i /x/kill.deb ]===========
+stand-in dpkg: kill KILL
+)"},
+        {"no dpkg to run", First("mount --bind /dev/null /usr/bin/dpkg"), Probe({"dpkg /x/a.deb"}),
+         kDebs, R"(
+2> dpkg /x/a.deb: not installed, no record; SIGCHLD default
+--- /var/log/dpkg_upgrade.log
+[stamp]  ===========[-i /x/a.deb ]===========
+[stamp] Failed to install -i/x/a.deb
+)"},
+        {"an interrupted wait", First("mount --bind /bin/true /usr/bin/dpkg") + kWaitInterrupted,
+         Probe({"dpkg /x/a.deb"}), kDebs, R"(
+<11>debian_lib.cpp: Fail to exec [dpkg -i /x/a.deb] error=[Interrupted system call] (no newline)
+2> dpkg /x/a.deb: not installed, no record; SIGCHLD default
+--- /var/log/dpkg_upgrade.log
+[stamp]  ===========[-i /x/a.deb ]===========
+)"},
     };
-    sandbox::InstallStandin("/usr/bin/dpkg");
-    for (const ProbeRow &row : rows)
+    for (const Scenario &row : rows)
         Check(row);
 }
 
 TEST(FindSmallFixNumfromDeb, ReadsTheSmallFixOfANameMadeForThisBuild)
 {
     NEEDS_SANDBOX();
-    const std::string k31(31, '3'), kGetFail = "debian_lib.cpp: Get buildnumber Fail\n";
-    const std::string strBuild31 = "buildnumber=" + k31, strBuild32 = "buildnumber=3" + k31;
+    const std::string k31(31, '3'), kGetFail = "<11>debian_lib.cpp: Get buildnumber Fail\n";
     const char kV[] = "buildnumber=\"2668\"\n";
     const auto other = [](const std::string &strName) {
-        return Lines{"debian_lib.cpp: different buildnumber of deb [" + strName +
-                     "] with system buildnumber [2668]\n"};
+        return "<11>debian_lib.cpp: different buildnumber of deb [" + strName +
+               "] with system buildnumber [2668]\n";
     };
     // FindSmallFixNumfromDeb(strDeb) where /etc.defaults/VERSION holds
-    // szVersion (nullptr: none): the small-fix number, and the system log.
+    // strVersion (none where empty): the small-fix number, and the system log.
     struct Row {
         const char *szName;
-        std::string strDeb;
-        const char *szVersion;
+        std::string strDeb, strVersion;
         int nSmallFix;
-        Lines journal = {};
+        std::string strLog = "";
     } const rows[] = {
         {"accepted", "/smallupd@te/x_4.1-2668-s5_all.deb", kV, 5},
         {"the build in the package field", "hotfix-2668-s_4.1-s9_all.deb", kV, 9},
-        {"the last -s, decimal digits", "x_4.1-2668-s5-s8a_all.deb", kV, 8},
+        {"the last -s, decimal digits", "x_4.1-2668-s5-s08a_all.deb", kV, 8},
         {"clamped up", "x_4.1-2668-s99999999999_all.deb", kV, INT_MAX},
         {"clamped down", "x_4.1-2668-s-99999999999_all.deb", kV, INT_MIN},
         {"another build", "x_4.1-2669-s5_all.deb", kV, -1, other("x_4.1-2669-s5_all.deb")},
@@ -493,409 +555,283 @@ TEST(FindSmallFixNumfromDeb, ReadsTheSmallFixOfANameMadeForThisBuild)
         {"adjacent underscores", "x-2668-s1__all.deb", kV, -1},
         {"no -s in the version", "x-2668-s_4.1_all.deb", kV, -1},
         {"not .deb", "x_4.1-2668-s5_all.DEB", kV, -1},
-        {"no VERSION", "x_4.1-2668-s5_all.deb", nullptr, -1, {kGetFail}},
-        {"no buildnumber", "x_4.1-2668-s5_all.deb", "model=x\n", -1, {kGetFail}},
-        {"blanks, comments, CR LF", "x_4.1-2668-s5_all.deb",
-         "# buildnumber=1\r\nbuildnumber = \"2668\" \r\nbuildnumber=1\r\n", 5},
-        {"a build of 31 bytes", "x_4.1-" + k31 + "-s6_all.deb", strBuild31.c_str(), 6},
-        {"a build of 32 bytes",
-         "x_4.1-3" + k31 + "-s6_all.deb",
-         strBuild32.c_str(),
-         -1,
-         {kGetFail}},
+        {"no VERSION", "x_4.1-2668-s5_all.deb", "", -1, kGetFail},
+        {"no buildnumber", "x_4.1-2668-s5_all.deb", "model=x\n", -1, kGetFail},
+        {"a build of 31 bytes", "x_4.1-" + k31 + "-s6_all.deb", "buildnumber=" + k31, 6},
+        {"a build of 32 bytes", "x_4.1-3" + k31 + "-s6_all.deb", "buildnumber=3" + k31, -1,
+         kGetFail},
         {"an empty build", "x_4.1--s4_all.deb", "buildnumber=  \n", 4},
     };
+    sandbox::TakeLog();
     for (const Row &row : rows) {
-        fs::remove("/etc.defaults/VERSION");
-        if (row.szVersion != nullptr)
-            WriteFile("/etc.defaults/VERSION", row.szVersion);
+        std::filesystem::remove("/etc.defaults/VERSION");
+        if (!row.strVersion.empty())
+            sandbox::WriteFile("/etc.defaults/VERSION", row.strVersion);
         EXPECT_EQ(DebianLib::FindSmallFixNumfromDeb(row.strDeb), row.nSmallFix) << row.szName;
-        EXPECT_EQ(Journal(sandbox::TakeLog()), row.journal) << row.szName;
+        EXPECT_EQ(Journal(sandbox::TakeLog()), row.strLog) << row.szName;
     }
     EXPECT_THROW(DebianLib::FindSmallFixNumfromDeb("deb"), std::out_of_range);
-}
-
-TEST(InstallDebCompare, OrdersBySmallFixNumber)
-{
-    NEEDS_SANDBOX();
-    WriteFile("/etc.defaults/VERSION", "buildnumber=2668\n");
-    EXPECT_TRUE(DebianLib::InstallDebCompare("a_1-2668-s7_all.deb", "b_1-2668-s12_all.deb"));
-    EXPECT_FALSE(DebianLib::InstallDebCompare("b_1-2668-s12_all.deb", "a_1-2668-s7_all.deb"));
-    EXPECT_TRUE(DebianLib::InstallDebCompare("bad.deb", "a_1-2668-s0_all.deb")) << "refused first";
     EXPECT_FALSE(DebianLib::InstallDebCompare("a_1-2668-s5_all.deb", "b_1-2668-s05_all.deb"))
-        << "equal numbers are no order";
+        << "equal numbers are in no order";
 }
 
-TEST(CheckDebian, RefusesWhatTheScanNeverHandsOver)
+TEST(CheckDebian, RefusesTwoPrefixesAndWhatTheScanNeverHandsOver)
 {
     NEEDS_SANDBOX();
-    WriteFile("/etc.defaults/VERSION", "buildnumber=2668\n");
-    const auto check = [](const char *szPath) {
-        return sandbox::CallLogged([szPath] { return CheckDebian(szPath) ? 0 : 1; });
+    sandbox::Machine();
+    // CheckDebian(szPath): the transcript of a child that exits 1 where it refuses.
+    struct Row {
+        const char *szName, *szPath, *szTranscript;
+    } const rows[] = {
+        {"refused", "/smallupd@te/smallupdate_1-2668-s1_x.deb", "\nexit 1\n"},
+        {"refused too", "/smallupd@te/flashupdate_1-2668-s1_x.deb", "\nexit 1\n"},
+        {"only those prefixes", "/smallupd@te/smallupdates_1-2668-s1_x.deb", "\n"},
+        {"no slash", "x_4.1-2668-s5.deb", R"(
+exit 1
+2> invalid debian url [x_4.1-2668-s5.deb]
+<11>small_update.cpp: invalid debian url [x_4.1-2668-s5.deb]
+)"},
     };
-    EXPECT_EQ(check("/smallUpd@te/smallupdate_4.1-2668-s5_all.deb").Code(), 0) << "another case";
-    const auto res = check("x_4.1-2668-s5.deb");
-    EXPECT_EQ(res.Code(), 1) << "no slash";
-    EXPECT_EQ(Journal(res.log),
-              (Lines{"invalid debian url [x_4.1-2668-s5.deb]\n",
-                     "small_update.cpp: invalid debian url [x_4.1-2668-s5.deb]\n"}));
-}
-
-const std::string kDir = "/smallupd@te/", kUpdateLog = "/var/log/vyraupdate.log";
-const std::string kFinished = "Finished critical update!!!";
-const std::string kFailedRun = "Failed to update critical update";
-
-// What befalls a file of the update directory in a run, in the order the
-// journal tells it, and what the file tells the stand-ins.
-enum class Fate { kUnseen, kInstalled, kFailed, kNotForked, kRefused, kBadName, kOtherBuild };
-struct Event {
-    Fate fate;
-    std::string strName, strHow = {};
-};
-// The exit code of a run: 0 when it installed everything it found.
-int ExitCode(const std::vector<Event> &events)
-{
-    const auto is = [](Fate fate) { return [fate](const Event &e) { return e.fate == fate; }; };
-    const auto cUnseen = std::count_if(events.begin(), events.end(), is(Fate::kUnseen));
-    const auto cInstalled = std::count_if(events.begin(), events.end(), is(Fate::kInstalled));
-    return cInstalled > 0 && cInstalled + cUnseen == std::ssize(events) ? 0 : 255;
-}
-
-// The journal (see Journal) of a run from its events, with the standard-error
-// lines where blSaid, and the starts of a stand-in dpkg where blStandinDpkg.
-Lines Expected(const std::vector<Event> &events, bool blSaid, bool blStandinDpkg)
-{
-    Lines journal;
-    const auto say = [&journal, blSaid](const std::string &strMsg) {
-        journal.insert(journal.end(), blSaid ? 1 : 0, strMsg);
-        journal.push_back("small_update.cpp: " + strMsg);
-    };
-    for (const auto &[fate, strName, strHow] : events) {
-        const std::string strPath = kDir + strName;
-        const bool blFailed = fate == Fate::kFailed || fate == Fate::kNotForked;
-        if (fate == Fate::kOtherBuild)
-            journal.push_back("debian_lib.cpp: different buildnumber of deb [" + strName +
-                              "] with system buildnumber [2668]\n");
-        if (fate == Fate::kOtherBuild || fate == Fate::kBadName)
-            say("invalid debian name [" + strName + "]\n");
-        if (blStandinDpkg && (fate == Fate::kInstalled || fate == Fate::kFailed))
-            journal.push_back("$ /usr/bin/dpkg -i " + strPath);
-        if (fate == Fate::kNotForked)
-            journal.push_back("debian_lib.cpp: Fail to fork");
-        if (fate == Fate::kInstalled || fate == Fate::kUnseen)
-            continue;
-        say(blFailed ? "Failed to install [" + strPath + "]\n"
-                     : "Unexpected Debian [" + strPath + "], skip install.\n");
-        journal.push_back("$ /usr/vyra/bin/vyralogset1 sys err " +
-                          std::string(blFailed ? "0x11B01031 " : "0x11B01030 ") + strPath);
-        journal.push_back("$ /usr/vyra/bin/vyradeknotify @administrators update:small_update_" +
-                          std::string(blFailed ? "install_failed " : "check_failed ") + strPath);
+    for (const Row &row : rows) {
+        const auto res = sandbox::Call([&row] { return CheckDebian(row.szPath) ? 0 : 1; });
+        EXPECT_EQ(Transcript(res), row.szTranscript) << row.szName;
     }
-    return journal;
 }
 
-sandbox::Result RunTool(const Lines &runner = {})
-{
-    Lines argv = runner;
-    if (const char *szTool = getenv("VYRA_TOOL"))  // an installed program
-        argv.push_back(szTool);
-    else
-        argv.insert(argv.end(), {VYRA_TOOL_COMMAND});
-    argv.insert(argv.end(), {"-x", "a.deb"});  // arguments change nothing
-    return sandbox::RunLogged(argv, Env(argv));
-}
-
-const std::vector<Event> kMixed = {
-    {Fate::kOtherBuild, "%s_1-2669-s1_all.deb"},
-    {Fate::kOtherBuild, "b_1-2669-s1_all.deb"},
-    {Fate::kBadName, "d.deb", "standin vyradeknotify: exit 3\n"},
-    {Fate::kRefused, "flashupdate_1-2668-s1_all.deb"},
-    {Fate::kBadName, "g_1-2668-s-3_all.deb"},
-    {Fate::kRefused, "smallupdate_1-2668-s1_all.deb"},
-    {Fate::kInstalled, "f_1-2668-sx_all.deb"},
-    {Fate::kFailed, "e_1-2668-s1_all.deb", "standin dpkg: exit 1\n"},
-    {Fate::kInstalled, "%n%s_1-2668-s2_all.deb"},
-    {Fate::kFailed, "a b'\";c_1-2668-s3_all.deb", "standin dpkg: exit 1\n"},
-    {Fate::kInstalled, "-x_1-2668-s4_all.deb"},
-    {Fate::kInstalled, "\xc3\xa9\xff_1-2668-s12_all.deb"}};
-void Machine(const std::vector<Event> &events)
-{
-    std::vector<sandbox::UpdateFile> files;
-    for (const Event &event : events)
-        files.push_back({event.strName, event.strHow});
-    sandbox::Machine(files);
-}
+const Files kMixed = {
+    {"/smallupd@te/%n%s_1-2668-s1_x.deb", "standin dpkg: exit 1\n"},
+    {"/smallupd@te/b_1-2669-s1_x.deb", ""},
+    {"/smallupd@te/f_1-2668-sx_x.deb", ""},
+    {"/smallupd@te/flashupdate_1-2668-s3_x.deb", ""},
+    {"/smallupd@te/g_1-2668-s2_x.deb/", ""},
+};
 
 TEST(SmallUpdate, ReportsEveryPackageOnEveryChannelAndEndsWithOneVerdict)
 {
     NEEDS_SANDBOX();
-    const Lines kValgrind = {"/usr/bin/valgrind",
-                             "-q",
-                             "--error-exitcode=99",
-                             "--leak-check=full",
-                             "--errors-for-leak-kinds=definite,indirect",
-                             "--child-silent-after-fork=yes"};
-    const Lines kStderrClosed = {"/bin/sh", "-c", "exec 2>&-; exec \"$@\"", "sh"};
-    const Lines kNoDevNull = First(kOnlyDevLog + " && exec 2>&-");  // standard error closed too
-    const std::string kA = "a_1-2668-s1_all.deb";
-    const std::vector<Event> kUnseen = {{Fate::kUnseen, "a_1-2668-s1_all.tar"},
-                                        {Fate::kUnseen, "b_1-2668-s1_all.DEB"},
-                                        {Fate::kUnseen, ".c_1-2668-s1_all.deb"},
-                                        {Fate::kUnseen, "../smallUpd@te/" + kA}};
-    const Lines kLogged = {" ===========[-i /smallupd@te/" + kA + " ]===========",
-                           "<not a record>stand-in dpkg: to standard output",
-                           "<not a record>stand-in dpkg: to standard error"};
-    // small_update started by the runner (which closes its standard error where
-    // blStderrClosed) where the update directory holds the events' files: the
-    // exit code, the journal from the events, the verdict, and the installer log
-    // where given. No stand-in gets a descriptor that the tool opened.
-    struct Row {
-        const char *szName;
-        std::vector<Event> events;
-        Lines runner = {};
-        bool blStderrClosed = false;
-        Lines installerLog = {};
-    } const rows[] = {
-        {"no candidate", kUnseen},
-        {"a refused name alone", {{Fate::kBadName, "d.deb"}, {Fate::kInstalled, kA}}},
-        {"every kind of name, under valgrind where it runs", kMixed,
-         VYRA_VALGRIND ? kValgrind : Lines{}},
-        {"standard error closed", kMixed, kStderrClosed, true},
-        {"no fork for dpkg", {{Fate::kNotForked, kA}}, kNoClone},
-        {"no /dev/null", {{Fate::kInstalled, kA}}, kNoDevNull, true, kLogged},
+    const char kMixedRun[] = R"(
+exit 255
+<11>debian_lib.cpp: different buildnumber of deb [b_1-2669-s1_x.deb] with system buildnumber [2668]
+2> invalid debian name [b_1-2669-s1_x.deb]
+<11>small_update.cpp: invalid debian name [b_1-2669-s1_x.deb]
+2> Unexpected Debian [/smallupd@te/b_1-2669-s1_x.deb], skip install.
+<11>small_update.cpp: Unexpected Debian [/smallupd@te/b_1-2669-s1_x.deb], skip install.
+$ vyralogset1 sys err 0x11B01030 /smallupd@te/b_1-2669-s1_x.deb | PATH | / | 0-2<>/dev/null | leader
+$ vyradeknotify @administrators update:small_update_check_failed /smallupd@te/b_1-2669-s1_x.deb
+  | PATH | / | 0-2<>/dev/null | leader
+2> Unexpected Debian [/smallupd@te/flashupdate_1-2668-s3_x.deb], skip install.
+<11>small_update.cpp: Unexpected Debian [/smallupd@te/flashupdate_1-2668-s3_x.deb], skip install.
+$ vyralogset1 sys err 0x11B01030 /smallupd@te/flashupdate_1-2668-s3_x.deb
+  | PATH | / | 0-2<>/dev/null | leader
+$ vyradeknotify @administrators update:small_update_check_failed
+  /smallupd@te/flashupdate_1-2668-s3_x.deb
+  | PATH | / | 0-2<>/dev/null | leader
+$ dpkg -i /smallupd@te/f_1-2668-sx_x.deb
+  | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log | not leader
+$ dpkg -i /smallupd@te/%n%s_1-2668-s1_x.deb
+  | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log | not leader
+2> Failed to install [/smallupd@te/%n%s_1-2668-s1_x.deb]
+<11>small_update.cpp: Failed to install [/smallupd@te/%n%s_1-2668-s1_x.deb]
+$ vyralogset1 sys err 0x11B01031 /smallupd@te/%n%s_1-2668-s1_x.deb
+  | PATH | / | 0-2<>/dev/null | leader
+$ vyradeknotify @administrators update:small_update_install_failed /smallupd@te/%n%s_1-2668-s1_x.deb
+  | PATH | / | 0-2<>/dev/null | leader
+$ dpkg -i /smallupd@te/g_1-2668-s2_x.deb
+  | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log | not leader
+--- /var/log/vyraupdate.log
+[stamp] Failed to update critical update
+--- /var/log/dpkg_upgrade.log
+[stamp]  ===========[-i /smallupd@te/f_1-2668-sx_x.deb ]===========
+[stamp]  ===========[-i /smallupd@te/%n%s_1-2668-s1_x.deb ]===========
+stand-in dpkg: exit 1
+[stamp] Failed to install -i/smallupd@te/%n%s_1-2668-s1_x.deb
+[stamp]  ===========[-i /smallupd@te/g_1-2668-s2_x.deb ]===========
+)";
+    const Lines kValgrind = {"/usr/bin/valgrind.bin", "-q", "--error-exitcode=99",
+                             "--leak-check=full", "--errors-for-leak-kinds=definite,indirect"};
+    const Files kOne = {{"/smallupd@te/a_1-2668-s1_x.deb", ""}};
+    const std::string kOnlyDevLog =
+        "mount --bind /dev /mnt && mount -t tmpfs none /dev && ln -s /mnt/log /dev/log";
+    const Scenario rows[] = {
+        {"nothing found",
+         {},
+         kTool,
+         {{"/smallupd@te/.a_1-2668-s1_x.deb", ""}, {"/smallupd@te/b.DEB", ""}},
+         "\nexit 255\n"},
+        {"every kind of name", {}, kTool, kMixed, kMixedRun},
+        {"every kind of name, under valgrind", VYRA_VALGRIND ? kValgrind : Lines{}, kTool, kMixed,
+         kMixedRun},
+        {"standard error closed",
+         {"/bin/sh", "-c", "exec 2>&-; exec \"$@\"", "sh"},
+         kTool,
+         {{"/smallupd@te/a.deb", ""}, {"/smallupd@te/b.deb", ""}},
+         R"(
+exit 255
+<11>small_update.cpp: invalid debian name [a.deb]
+<11>small_update.cpp: Unexpected Debian [/smallupd@te/a.deb], skip install.
+$ vyralogset1 sys err 0x11B01030 /smallupd@te/a.deb | PATH | / | 0-2<>/dev/null | leader
+$ vyradeknotify @administrators update:small_update_check_failed /smallupd@te/a.deb
+  | PATH | / | 0-2<>/dev/null | leader
+<11>small_update.cpp: invalid debian name [b.deb]
+<11>small_update.cpp: Unexpected Debian [/smallupd@te/b.deb], skip install.
+$ vyralogset1 sys err 0x11B01030 /smallupd@te/b.deb | PATH | / | 0-2<>/dev/null | leader
+$ vyradeknotify @administrators update:small_update_check_failed /smallupd@te/b.deb
+  | PATH | / | 0-2<>/dev/null | leader
+--- /var/log/vyraupdate.log
+[stamp] Failed to update critical update
+)"},
+        {"no /dev/null, standard error closed", First(kOnlyDevLog + " && exec 2>&-"), kTool, kOne,
+         R"(
+$ dpkg -i /smallupd@te/a_1-2668-s1_x.deb
+  | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log | not leader
+--- /var/log/vyraupdate.log
+[stamp] Finished critical update!!!
+--- /var/log/dpkg_upgrade.log
+[stamp]  ===========[-i /smallupd@te/a_1-2668-s1_x.deb ]===========
+)"},
+        {"no fork for dpkg", Strace("inject=clone:error=EAGAIN:when=1"), kTool, kOne, R"(
+exit 255
+<11>debian_lib.cpp: Fail to fork (no newline)
+2> Failed to install [/smallupd@te/a_1-2668-s1_x.deb]
+<11>small_update.cpp: Failed to install [/smallupd@te/a_1-2668-s1_x.deb]
+$ vyralogset1 sys err 0x11B01031 /smallupd@te/a_1-2668-s1_x.deb | PATH | / | 0-2<>/dev/null | leader
+$ vyradeknotify @administrators update:small_update_install_failed /smallupd@te/a_1-2668-s1_x.deb
+  | PATH | / | 0-2<>/dev/null | leader
+--- /var/log/vyraupdate.log
+[stamp] Failed to update critical update
+--- /var/log/dpkg_upgrade.log
+[stamp]  ===========[-i /smallupd@te/a_1-2668-s1_x.deb ]===========
+)"},
     };
-    for (const Row &row : rows) {
-        Machine(row.events);
-        const auto res = RunTool(row.runner);
-        const bool blFound = std::any_of(row.events.begin(), row.events.end(),
-                                         [](auto &event) { return event.fate != Fate::kUnseen; });
-        EXPECT_EQ(res.Code(), ExitCode(row.events)) << row.szName;
-        EXPECT_EQ(Journal(res.log), Expected(row.events, !row.blStderrClosed, true)) << row.szName;
-        const Lines verdict = {ExitCode(row.events) == 0 ? kFinished : kFailedRun};
-        EXPECT_EQ(LogLines(kUpdateLog), blFound ? verdict : Lines{}) << row.szName;
-        if (!row.installerLog.empty()) {
-            EXPECT_EQ(LogLines(kInstallerLog), row.installerLog) << row.szName;
-        }
-    }
-    for (const sandbox::StandinCall &call : sandbox::Calls())
-        EXPECT_EQ(call.fds.size(), 3u) << call.argv[0] << ": 0-2 only";
+    for (const Scenario &row : rows)
+        Check(row);
 }
 
 // Traced, every record the tool appends to a log is synced before its next
-// fork, exec or exit, and the log's directory after the first record, which
-// creates the log, and after no other.
+// fork, exec or exit, and the log's directory after the record that created
+// the log, and after no other.
 TEST(SmallUpdate, SyncsEveryRecordBeforeItsNextStep)
 {
     NEEDS_SANDBOX();
-    Machine(kMixed);
-    RunTool({"/usr/bin/strace", "-qq", "-o", "/tmp/strace", "-y", "-e",
-             "trace=write,fsync,fork,vfork,clone,clone3,execve,exit_group", "--"});
-    Lines records;       // each record appended under /var/log, and what befell it
-    std::string strLog;  // the log whose record waits for the next step
+    Prepare(kMixed);
+    sandbox::Run(Strace("trace=write,fsync,fork,vfork,clone,clone3,execve,exit_group", {"-y"}) +
+                     kTool,
+                 kEnv);
+    std::string strRecords, strLog;  // the log whose record waits for the next step
     std::set<std::string> logs;
-    for (const std::string &strLine : Split(ReadFile("/tmp/strace"))) {
+    std::istringstream in(sandbox::ReadFile("/tmp/strace"));
+    for (std::string strLine; std::getline(in, strLine);) {
         const auto pos = strLine.find("</var/log");
         const std::string strOn = pos == std::string::npos
                                       ? ""
                                       : strLine.substr(pos + 1, strLine.find('>', pos) - pos - 1);
         const bool blWrite = strLine.rfind("write(", 0) == 0;
-        if (blWrite && !strOn.empty() && strOn != strLog) {
-            strLog = strOn;
-            records.push_back(strOn + (logs.insert(strOn).second ? " (new)" : ""));
-        } else if (strLine.rfind("fsync(", 0) == 0 && !strLog.empty()) {
-            records.back() += strOn == strLog ? ", synced" : ", " + strOn + " synced";
-        } else if (!blWrite) {
-            strLog.clear();
-        }
+        if (blWrite && !strOn.empty() && strOn != strLog)
+            strRecords += (strLog = strOn) + (logs.insert(strOn).second ? " (new)" : "");
+        else if (strLine.rfind("fsync(", 0) == 0 && !strLog.empty())
+            strRecords += ", " + (strOn == strLog ? "" : strOn + " ") + "synced";
+        else if (!blWrite && !strLog.empty())
+            strRecords += "\n", strLog.clear();
     }
-    const std::string kLater = "/var/log/dpkg_upgrade.log, synced";
-    EXPECT_EQ(records, (Lines{"/var/log/dpkg_upgrade.log (new), synced, /var/log synced", kLater,
-                              kLater, kLater, kLater, kLater, kLater, kLater,
-                              "/var/log/vyraupdate.log (new), synced, /var/log synced"}))
-        << "6 banners and 2 failures to the installer log, and the verdict; the trace:\n"
-        << ReadFile("/tmp/strace");
+    EXPECT_EQ(strRecords, R"(/var/log/dpkg_upgrade.log (new), synced, /var/log synced
+/var/log/dpkg_upgrade.log, synced
+/var/log/dpkg_upgrade.log, synced
+/var/log/dpkg_upgrade.log, synced
+/var/log/vyraupdate.log (new), synced, /var/log synced
+)") << "3 banners and a failure, then the verdict; the trace:\n"
+    << sandbox::ReadFile("/tmp/strace");
 }
 
-// vyra-<name>_<version>-2668-s<small fix>_all.deb, made of package.
-sandbox::UpdateFile Fix(const std::string &strName, int nSmallFix, sandbox::Package package = {})
+// A machine with the real dpkg whose update directory holds the packages,
+// built with dpkg-deb, the nth named <name>_1.0-2668-s<n>_all.deb.
+void RealPackages(const std::vector<sandbox::Package> &packages)
 {
-    package.strName = "vyra-" + strName;
-    const std::string strSmallFix = "-2668-s" + std::to_string(nSmallFix);
-    return {package.strName + "_" + package.strVersion + strSmallFix + "_all.deb", "", package};
-}
-std::string Banner(const sandbox::UpdateFile &deb)
-{
-    return " ===========[-i " + kDir + deb.strName + " ]===========";
-}
-std::string Failed(const sandbox::UpdateFile &deb)
-{
-    return "Failed to install -i" + kDir + deb.strName;
-}
-// The shell text that runs strWhat the first time a row asks for it.
-std::string Once(const std::string &strWhat)
-{
-    return "[ -e /tmp/done ] || { : > /tmp/done; " + strWhat + "; }\n";
-}
-const sandbox::UpdateFile a = Fix("a", 1), b = Fix("b", 2), c = Fix("c", 3);
-const Lines kAbc = {"vyra-a ii", "vyra-b ii", "vyra-c ii"};
-std::vector<Event> Installed(const std::vector<sandbox::UpdateFile> &debs)
-{
-    std::vector<Event> events;
-    for (const sandbox::UpdateFile &deb : debs)
-        events.push_back({Fate::kInstalled, deb.strName});
-    return events;
+    sandbox::Machine(true);
+    for (size_t idx = 0; idx < packages.size(); ++idx) {
+        const std::string strDeb = "/smallupd@te/" + packages[idx].strName + "_1.0-2668-s" +
+                                   std::to_string(idx + 1) + "_all.deb";
+        if (!sandbox::BuildDeb(packages[idx], strDeb))
+            throw std::runtime_error("dpkg-deb cannot build " + strDeb);
+    }
 }
 
-enum class Cut { kNone, kDuring, kAfter };  // the power, during or after the first run
-// Real packages built with dpkg-deb (those of before installed first) and run
-// twice by the real dpkg with standard input on /dev/null: first as the
-// runner starts the tool, where the run may be killed or the power cut (by a
-// package's script or report, or after the run), then, with the power back
-// on, as usual. The records the installer log kept of the first run (every
-// one synced before a cut, whole), the journal of the second run from its
-// events, the update log, dpkg's state of the packages (nothing for dpkg
-// --audit when all are installed), what the postinsts appended to /tmp/trace,
-// and texts that dpkg wrote into the installer log.
-struct RealRun {
-    const char *szName;
-    std::vector<sandbox::UpdateFile> debs;
-    Lines records;
-    std::vector<Event> events;
-    Lines updateLog, states;
-    Cut cut = Cut::kNone;
-    Lines runner = {}, trace = {}, inInstallerLog = {};
-    std::vector<sandbox::UpdateFile> before = {};
-};
-void Check(const RealRun &row)
-{
-    sandbox::Machine(row.debs, true);
-    fs::remove("/tmp/done");
-    fs::remove("/tmp/trace");
-    for (const sandbox::UpdateFile &deb : row.before) {
-        ASSERT_TRUE(sandbox::BuildDeb(deb.package, "/tmp/" + deb.strName)) << row.szName;
-        ASSERT_EQ(sandbox::Run({"/usr/bin/dpkg", "-i", "/tmp/" + deb.strName}).Code(), 0)
-            << row.szName;
-    }
-    RunTool(row.runner);
-    if (row.cut == Cut::kAfter) {
-        ASSERT_EQ(sandbox::Run({"/bin/sh", "-c", sandbox::kCutPower}).Code(), 0) << row.szName;
-    }
-    if (row.cut != Cut::kNone)
-        sandbox::PowerOn();
-    Lines records = LogLines(kInstallerLog);
-    std::erase_if(records, [](auto &str) { return str.rfind("<not a record>", 0) == 0; });
-    EXPECT_EQ(records, row.records) << row.szName;
-    const auto res = RunTool();
-    EXPECT_EQ(res.Code(), ExitCode(row.events)) << row.szName;
-    EXPECT_EQ(Journal(res.log), Expected(row.events, true, false)) << row.szName;
-    EXPECT_EQ(LogLines(kUpdateLog), row.updateLog) << row.szName;
-    const Lines states = sandbox::PackageStates("vyra-*");
-    EXPECT_EQ(states, row.states) << row.szName;
-    if (std::all_of(states.begin(), states.end(), [](auto &str) { return str.ends_with(" ii"); })) {
-        EXPECT_EQ(sandbox::Run({"/usr/bin/dpkg", "--audit"}).out, "") << row.szName;
-    }
-    EXPECT_EQ(Split(ReadFile("/tmp/trace")), row.trace) << row.szName;
-    for (const std::string &strText : row.inInstallerLog)
-        EXPECT_NE(ReadFile(kInstallerLog).find(strText), std::string::npos)
-            << row.szName << ": no " << strText << " in\n"
-            << ReadFile(kInstallerLog);
-}
-
+// Run twice with the real dpkg: the first run is killed inside a maintainer
+// script, and the next, on a fresh installer log, completes its work.
 TEST(SmallUpdate, InstallsRealPackagesAndCompletesAKilledRunOnTheNext)
 {
     NEEDS_SANDBOX();
     const std::string kTrace = "echo $DPKG_MAINTSCRIPT_PACKAGE >> /tmp/trace\n";
-    const auto x = Fix("x", 3, {.strPostinst = kTrace}), y = Fix("y", 1, {.strPostinst = kTrace});
-    const auto z = Fix("z", 2, {.strPostinst = kTrace}), d = Fix("d", 0, {.strDepends = "vyra-no"});
-    const auto f1 =
-        Fix("f", 0, {.strConffile = "1\n", .strPostinst = "echo 2 >> /etc/vyra-f.conf"});
-    const auto f2 = Fix("f", 1, {.strVersion = "2.0", .strConffile = "3\n"});
-    const std::string kKill = "read -r _ _ _ tool _ < /proc/$PPID/stat; kill -KILL $tool $PPID";
-    const RealRun rows[] = {
-        {.szName = "scripts in small-fix order",
-         .debs = {x, y, z},
-         .records = {Banner(y), Banner(z), Banner(x)},
-         .events = Installed({y, z, x}),
-         .updateLog = {kFinished, kFinished},
-         .states = {"vyra-x ii", "vyra-y ii", "vyra-z ii"},
-         .trace = {"vyra-y", "vyra-z", "vyra-x", "vyra-y", "vyra-z", "vyra-x"}},
-        {.szName = "a missing dependency",
-         .debs = {d, a},
-         .records = {Banner(d), Failed(d), Banner(a)},
-         .events = {{Fate::kFailed, d.strName}, {Fate::kInstalled, a.strName}},
-         .updateLog = {kFailedRun, kFailedRun},
-         .states = {"vyra-a ii", "vyra-d iU"},
-         .inInstallerLog = {"dpkg: dependency problems prevent configuration of vyra-d:"}},
-        {.szName = "a configuration file changed on the unit",
-         .debs = {f2},
-         .records = {Banner(f2), Failed(f2)},
-         .events = {{Fate::kFailed, f2.strName}},
-         .updateLog = {kFailedRun, kFailedRun},
-         .states = {"vyra-f iU"},
-         .inInstallerLog = {"Configuration file '/etc/vyra-f.conf'",
-                            "end of file on stdin at conffile prompt"},
-         .before = {f1}},
-        {.szName = "killed at the second banner",
-         .debs = {a, b, c},
-         .records = {Banner(a)},
-         .events = Installed({a, b, c}),
-         .updateLog = {kFinished},
-         .states = kAbc,
-         .runner =
-             Strace("openat:signal=KILL:when=2", {"-P", kInstallerLog, "-e", "trace=openat"})},
-        {.szName = "killed in a maintainer script",
-         .debs = {a, Fix("b", 2, {.strPostinst = Once(kKill)}), c},
-         .records = {Banner(a), Banner(b)},
-         .events = Installed({a, b, c}),
-         .updateLog = {kFinished},
-         .states = kAbc},
-    };
-    for (const RealRun &row : rows)
-        Check(row);
+    RealPackages(
+        {{"vyra-y", "", kTrace},
+         {"vyra-d", "vyra-x", kTrace},
+         {"vyra-x", "", kTrace},
+         {"vyra-z", "",
+          kTrace + "[ -e /tmp/killed ] || { : > /tmp/killed; " +
+              "read -r _ _ _ tool _ < /proc/$PPID/stat; " + "kill -KILL $tool $PPID; }\n"}});
+    EXPECT_EQ(Transcript(sandbox::Run(kTool, kEnv), false), R"(
+signal 9
+2> Failed to install [/smallupd@te/vyra-d_1.0-2668-s2_all.deb]
+<11>small_update.cpp: Failed to install [/smallupd@te/vyra-d_1.0-2668-s2_all.deb]
+$ vyralogset1 sys err 0x11B01031 /smallupd@te/vyra-d_1.0-2668-s2_all.deb
+  | PATH | / | 0-2<>/dev/null | leader
+$ vyradeknotify @administrators update:small_update_install_failed
+  /smallupd@te/vyra-d_1.0-2668-s2_all.deb
+  | PATH | / | 0-2<>/dev/null | leader
+--- /var/log/dpkg_upgrade.log
+[stamp]  ===========[-i /smallupd@te/vyra-y_1.0-2668-s1_all.deb ]===========
+[stamp]  ===========[-i /smallupd@te/vyra-d_1.0-2668-s2_all.deb ]===========
+[stamp] Failed to install -i/smallupd@te/vyra-d_1.0-2668-s2_all.deb
+[stamp]  ===========[-i /smallupd@te/vyra-x_1.0-2668-s3_all.deb ]===========
+[stamp]  ===========[-i /smallupd@te/vyra-z_1.0-2668-s4_all.deb ]===========
+)") << "the first run: vyra-d lacks vyra-x, installed next, and vyra-z's script kills the run";
+    std::filesystem::remove(kInstallerLog);
+    EXPECT_EQ(Transcript(sandbox::Run(kTool, kEnv), false), R"(
+--- /var/log/vyraupdate.log
+[stamp] Finished critical update!!!
+--- /var/log/dpkg_upgrade.log
+[stamp]  ===========[-i /smallupd@te/vyra-y_1.0-2668-s1_all.deb ]===========
+[stamp]  ===========[-i /smallupd@te/vyra-d_1.0-2668-s2_all.deb ]===========
+[stamp]  ===========[-i /smallupd@te/vyra-x_1.0-2668-s3_all.deb ]===========
+[stamp]  ===========[-i /smallupd@te/vyra-z_1.0-2668-s4_all.deb ]===========
+)") << "the second run";
+    EXPECT_EQ(sandbox::ReadFile("/tmp/trace"),
+              "vyra-y\nvyra-x\nvyra-z\nvyra-y\nvyra-d\nvyra-x\nvyra-z\n")
+        << "the maintainer scripts that ran, in order";
+    EXPECT_EQ(sandbox::Run({"/usr/bin/dpkg", "--audit"}).out, "") << "nothing half installed";
 }
 
+// The power is cut under /var/log inside a maintainer script: every record
+// synced before survives whole, and the next run completes the work.
 TEST(SmallUpdate, KeepsEverySyncedRecordThroughAPowerCut)
 {
     NEEDS_SANDBOX();
     const std::string strWhyNot = sandbox::PowerCutUnavailable();
     RUN_ONLY_IF(strWhyNot.empty(), "the power cannot be cut here: " + strWhyNot);
-    const std::string kCut = Once(sandbox::kCutPower);
-    const sandbox::UpdateFile kCutting = {c.strName, "standin vyralogset1: run " + kCut};
-    const RealRun rows[] = {
-        {.szName = "in a maintainer script",
-         .debs = {a, Fix("b", 2, {.strPostinst = kCut}), c},
-         .records = {Banner(a), Banner(b)},
-         .events = Installed({a, b, c}),
-         .updateLog = {kFinished},
-         .states = kAbc,
-         .cut = Cut::kDuring},
-        {.szName = "while a report's tool runs",
-         .debs = {a, b, kCutting},
-         .records = {Banner(a), Banner(b), Banner(c), Failed(c)},
-         .events = {{Fate::kInstalled, a.strName},
-                    {Fate::kInstalled, b.strName},
-                    {Fate::kFailed, c.strName}},
-         .updateLog = {kFailedRun},
-         .states = {"vyra-a ii", "vyra-b ii"},
-         .cut = Cut::kDuring},
-        {.szName = "after the run",
-         .debs = {a, b, c},
-         .records = {Banner(a), Banner(b), Banner(c)},
-         .events = Installed({a, b, c}),
-         .updateLog = {kFinished, kFinished},
-         .states = kAbc,
-         .cut = Cut::kAfter},
-    };
-    for (const RealRun &row : rows)
-        Check(row);
+    RealPackages(
+        {{"vyra-a"},
+         {"vyra-b", "",
+          "[ -e /tmp/cut ] || { : > /tmp/cut; " + std::string(sandbox::kCutPower) + "; }\n"},
+         {"vyra-c"}});
+    sandbox::Run(kTool, kEnv);
+    sandbox::PowerOn();
+    EXPECT_EQ(Transcript(sandbox::Run(kTool, kEnv), false), R"(
+--- /var/log/vyraupdate.log
+[stamp] Finished critical update!!!
+--- /var/log/dpkg_upgrade.log
+[stamp]  ===========[-i /smallupd@te/vyra-a_1.0-2668-s1_all.deb ]===========
+[stamp]  ===========[-i /smallupd@te/vyra-b_1.0-2668-s2_all.deb ]===========
+[stamp]  ===========[-i /smallupd@te/vyra-a_1.0-2668-s1_all.deb ]===========
+[stamp]  ===========[-i /smallupd@te/vyra-b_1.0-2668-s2_all.deb ]===========
+[stamp]  ===========[-i /smallupd@te/vyra-c_1.0-2668-s3_all.deb ]===========
+)") << "the run after the power came back";
 }
 
 }  // namespace
 
 int main(int argc, char **argv)
 {
-    if (argc == 3 && strcmp(argv[1], "--probe") == 0)
-        return Probe(argv[2]);
+    if (argc > 1 && strcmp(argv[1], "--probe") == 0)
+        return Probe(argc, argv);
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
