@@ -1,11 +1,11 @@
 #!/bin/sh
 # Stands in for dpkg and the appliance's tools. Each start tells the system log
 # (user.notice) what it found, as one line:
-#   <name> <arguments> | <variables> | <working directory> | <descriptors> | leader or not
-# where the variables are those with a value, and each descriptor it inherited shows as N<target (read-only), N>target
-# (write-only) or N<>target, a run of one target as N-M<>target. It exits 0,
-# unless a file among its arguments holds "standin <name>: exit N", "...: kill
-# SIGNAL" or "...: run COMMAND", which it then says on standard error.
+#   NAME ARGUMENTS | VARIABLES WITH A VALUE | DIRECTORY | DESCRIPTORS | leader or not
+# each descriptor it inherited as N<target (read-only), N>target (write-only)
+# or N<>target, a run of one target as N-M<>target. Then, where a file among
+# its arguments holds a line "standin NAME: COMMAND", it says so on standard
+# error and runs the shell COMMAND ("exit 1", say); it exits 0 otherwise.
 name=${0##*/}
 # Looked at from a child, as this shell's own descriptors would show up.
 sh -c 'p=$1 fds= prev= first= last=
@@ -27,17 +27,5 @@ set -- "$2" ${stat##*) }
 [ "$5" = "$p" ] && lead=leader || lead="not leader"
 logger -t standin -p user.notice -- "$1 | $vars | $(readlink /proc/$p/cwd) |$fds | $lead"
 ' sh $$ "$name $*"
-how=
-for arg do
-    [ -f "$arg" ] || continue
-    while IFS= read -r line || [ -n "$line" ]; do
-        case $line in "standin $name: "*) how=${line#"standin $name: "}; break ;; esac
-    done < "$arg"
-    [ -z "$how" ] || break
-done
-[ -z "$how" ] || echo "stand-in $name: $how" >&2
-case $how in
-    "exit "*) exit "${how#exit }" ;;
-    "kill "*) kill -s "${how#kill }" $$ ;;
-    "run "*) eval "${how#run }" ;;
-esac
+how=$(sed -n "s/^standin $name: //p" -- "$@" 2> /dev/null | head -n 1)
+[ -z "$how" ] || { echo "stand-in $name: $how" >&2; eval "$how"; }
