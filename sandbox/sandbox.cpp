@@ -98,9 +98,8 @@ Result Run(const Lines &argv, const Lines &env)
     });
 }
 
-// glibc sends "<PRI>Mmm dd hh:mm:ss TAG: TEXT", of which "<PRI>TEXT" is kept.
-// An empty datagram (a write of nothing to standard error, as valgrind makes
-// at exit) carries no message.
+// Of glibc's "<PRI>Mmm dd hh:mm:ss TAG: TEXT", "<PRI>TEXT"; an empty datagram
+// (a write of nothing to standard error, as valgrind's at exit) says nothing.
 Lines TakeLog()
 {
     Lines log;

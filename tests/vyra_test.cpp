@@ -33,9 +33,9 @@ using Files = std::vector<std::pair<std::string, std::string>>;  // path, conten
             FAIL() << (strWhy);                         \
         GTEST_SKIP() << (strWhy);                       \
     }
-#define NEEDS_SANDBOX()                                                                        \
-    RUN_ONLY_IF(sandbox::Inside(), "it writes the system's paths: it runs in vyra-sandbox as " \
-                                   "root")
+#define NEEDS_SANDBOX()                                                                \
+    RUN_ONLY_IF(sandbox::Inside(), "it writes the system's paths: it runs as root in " \
+                                   "vyra-sandbox")
 
 // The core library's error record in words.
 std::string Recorded()
@@ -223,12 +223,11 @@ TEST(FileCloseLock, FreesEveryRowUpToTheTerminator)
 const char kUpdateLog[] = "/var/log/vyraupdate.log", kInstallerLog[] = "/var/log/dpkg_upgrade.log";
 const time_t tStart = time(nullptr);
 
-// The system log as text: standard error as "2> TEXT", a stand-in's start as
-// "$ " and what it found (standin.sh), broken where it passes 100 columns
-// before its first " | ", then at the command's last blank within them, and
-// before the last " | " within them of what it found;
-// every other message as "<PRI>TEXT" without the line number after its file
-// name, marked " (no newline)" where it lacks its line end.
+// The system log as text: standard error as "2> TEXT"; a stand-in's start as
+// "$ " and what it found (standin.sh), past 100 columns broken before its first
+// " | ", then at the command's last blank and before the last " | " within
+// them; every other message as "<PRI>TEXT" without the line number after its
+// file name, marked " (no newline)" where it lacks its line end.
 std::string Journal(const Lines &log)
 {
     std::string str;
@@ -254,9 +253,9 @@ std::string Journal(const Lines &log)
 }
 // A run as text, from a line end on, so that a transcript written in R"(...)"
 // starts on a line of its own: "exit N" or "signal N" unless it exited 0; what
-// it printed; the system log; each log that exists, after "--- PATH MODE", a record
-// stamped with local time (kEnv) since this program started as "[stamp] TEXT",
-// and dpkg's own output as it is, or left out where !blOutput.
+// it printed; the system log; each log that exists, after "--- PATH MODE", a
+// record stamped with local time (kEnv) since this program started as "[stamp]
+// TEXT", and dpkg's own output as it is, or left out where !blOutput.
 std::string Transcript(const sandbox::Result &res, bool blOutput = true)
 {
     std::string str = "\n";
