@@ -20,9 +20,9 @@ struct Result {
     Lines log;         // system-log datagrams meanwhile: "<PRI>TEXT", standard error as it came
     int Code() const;  // the exit code, or 1000 + the signal that ended it
 };
-// fn in a child in /tmp, with standard input on /dev/null, standard output
-// caught, standard error sent to /dev/log, in order with the system log, and
-// every other descriptor closed on exec; done once all it started has ended.
+// fn in a child in /tmp: standard input /dev/null, standard output caught,
+// standard error to /dev/log in order with the system log, other descriptors
+// closed on exec; done once all it started ended (orphans but under qemu-user).
 Result Call(const std::function<int()> &fn);
 // Runs argv[0], no PATH search, in the same way.
 Result Run(const Lines &argv, const Lines &env = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"});

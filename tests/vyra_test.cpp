@@ -365,9 +365,19 @@ std::string Call(const std::string &strCall)
         return pid > 0 ? "a child" : std::to_string(pid);
     }
     if (strVerb == "detach") {
+        // The detached program holds descriptor 9, and its end tells when it ends:
+        // no one waits for it, and qemu-user cannot make the sandbox its subreaper.
+        int fds[2];
         if (fork() == 0)  // so that under strace -f a first failed fork is the intermediate's
             _exit(0);
-        return std::to_string(VLIBCExecl(strPath.c_str(), FORK_DETACH, strArg.c_str(), nullptr));
+        if (pipe2(fds, O_CLOEXEC) != 0 || dup2(fds[1], 9) != 9 || close(fds[1]) != 0)
+            return "no pipe";
+        const int ret = VLIBCExecl(strPath.c_str(), FORK_DETACH, strArg.c_str(), nullptr);
+        close(9);
+        for (char ch; read(fds[0], &ch, 1) > 0;) {
+        }
+        close(fds[0]);
+        return std::to_string(ret);
     }
     const bool blInstalled = strArg.empty() ? DebianLib::ExecDpkg("-i", strPath)
                                             : DebianLib::ExecDpkg("-i", strPath, strArg);
@@ -435,7 +445,7 @@ $ prog x | PATH | /tmp | 0</dev/null 1<>deleted 2<>socket 3</etc/passwd 5>/tmp/l
 $ prog x | PATH TZ | / | 0</dev/null 1<>deleted 2<>socket 3</etc/passwd 5>/tmp/lock | not leader
 $ prog x | PATH TZ | /tmp | 0</dev/null 1<>deleted 2<>socket 3</etc/passwd 5>/tmp/lock | leader
 $ prog /exit3
-  | PATH TZ | /tmp | 0</dev/null 1<>deleted 2<>socket 3</etc/passwd 5>/tmp/lock | not leader
+  | PATH TZ | /tmp | 0</dev/null 1<>deleted 2<>socket 3</etc/passwd 5>/tmp/lock 9>pipe | not leader
 2> stand-in prog: exit 3
 )"},
         {"VLIBCExec, and how a program ends", Probe(kHowItEnds), {}, R"(
