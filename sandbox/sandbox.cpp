@@ -27,7 +27,6 @@ int LogSocket()
 {
     static const int fdLog = [] {
         const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        // Outside, /dev/log is the machine's own.
         if (!Inside() || (unlink(kDevLog.sun_path), bind(fd, kpDevLog, sizeof(kDevLog))) != 0)
             throw std::runtime_error("sandbox: no /dev/log of its own: " + std::to_string(errno));
         return fd;
@@ -52,8 +51,7 @@ Result Call(const std::function<int()> &fn)
     LogSocket();
     FILE *pfOut = tmpfile();
     fflush(nullptr);
-    // What a killed run leaves behind (its dpkg, say) is handed to this process.
-    (void)prctl(PR_SET_CHILD_SUBREAPER, 1);
+    (void)prctl(PR_SET_CHILD_SUBREAPER, 1);  // the orphans of a killed run come here
     const pid_t pid = pfOut != nullptr ? fork() : -1;
     if (pid == 0) {
         const int fdErr = socket(AF_UNIX, SOCK_DGRAM, 0);
@@ -132,7 +130,10 @@ std::string ReadFile(const std::string &strPath)
 
 void InstallStandin(const std::string &strPath)
 {
-    WriteFile(strPath, ReadFile(VYRA_STANDIN), 0755);
+    const std::string strScript = ReadFile(VYRA_STANDIN);
+    if (strScript.empty())
+        throw std::runtime_error("sandbox: cannot read " VYRA_STANDIN);
+    WriteFile(strPath, strScript, 0755);
 }
 
 void Machine(bool blRealDpkg)

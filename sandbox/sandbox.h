@@ -22,7 +22,8 @@ struct Result {
 };
 // fn in a child in /tmp: standard input /dev/null, standard output caught,
 // standard error to /dev/log in order with the system log, other descriptors
-// closed on exec; done once all it started ended (orphans but under qemu-user).
+// closed on exec; done once its child, and each orphan it left, ended (under
+// qemu-user, which cannot take orphans, once its child ended).
 Result Call(const std::function<int()> &fn);
 // Runs argv[0], no PATH search, in the same way.
 Result Run(const Lines &argv, const Lines &env = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"});
@@ -34,12 +35,11 @@ std::string ReadFile(const std::string &strPath);
 
 void InstallStandin(const std::string &strPath);  // see standin.sh
 // A machine of build 2668 that the tool has not run on: neither log, an empty
-// update directory, stand-ins for the appliance's event-log and notification
-// tools, and for dpkg unless blRealDpkg.
+// update directory, stand-ins for the appliance's tools and, unless
+// blRealDpkg, for dpkg (once per sandbox: the real dpkg does not come back).
 void Machine(bool blRealDpkg = false);
 
-// A package of architecture all that installs /usr/share/<strName>/hello.
-struct Package {
+struct Package {  // of architecture all, installing /usr/share/<strName>/hello
     std::string strName;
     std::string strDepends{};   // none when empty
     std::string strPostinst{};  // its body, run by /bin/sh; none when empty
