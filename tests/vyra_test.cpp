@@ -264,12 +264,13 @@ std::string Transcript(const sandbox::Result &res, bool blOutput = true)
                "\n";
     str += res.out + Journal(res.log);
     for (const char *szLog : {kUpdateLog, kInstallerLog}) {
-        const std::string strLog = szLog;
-        std::istringstream in(sandbox::ReadFile(strLog));
+        const auto st = std::filesystem::status(szLog);
+        if (!std::filesystem::exists(st))
+            continue;
         char szMode[8] = "";
-        snprintf(szMode, sizeof(szMode), " %04o",
-                 static_cast<unsigned>(std::filesystem::status(strLog).permissions()));
-        str += std::filesystem::exists(strLog) ? "--- " + strLog + szMode + "\n" : "";
+        snprintf(szMode, sizeof(szMode), " %04o", static_cast<unsigned>(st.permissions()));
+        str += std::string("--- ") + szLog + szMode + "\n";
+        std::istringstream in(sandbox::ReadFile(szLog));
         for (std::string strLine; std::getline(in, strLine);) {
             struct tm tm = {};
             const char *pchEnd = strptime(strLine.c_str(), "%Y/%m/%d %H:%M:%S", &tm);
@@ -490,11 +491,9 @@ TEST(ExecDpkg, RunsDpkgWithItsOutputInTheInstallerLog)
     NEEDS_SANDBOX();
     const Lines kNoBanner = Strace("inject=openat:error=EMFILE:when=1", {"-P", kInstallerLog});
     const Lines kTrueDpkg = First("mount --bind /bin/true /usr/bin/dpkg");
+    const Lines kFailAndKill = Probe("dpkg /x/a.deb /f; dpkg /x/kill.deb");
     const Scenario rows[] = {
-        {"a failure, with a folder, and a signal",
-         Probe("dpkg /x/a.deb /f; dpkg /x/kill.deb"),
-         {},
-         R"(
+        {"a failure, with a folder, and a signal", kFailAndKill, {}, R"(
 $ dpkg -i /x/a.deb /f
   | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log 3</etc/passwd | not leader
 2> dpkg /x/a.deb /f: not installed, no record
