@@ -1,7 +1,8 @@
 #!/bin/sh
 # The house format and static analysis: every C and C++ file as clang-format
-# (.clang-format) formats it, no line of any file over 100 columns, and the
-# product code through clang-tidy (.clang-tidy) and cppcheck. Any finding
+# (.clang-format) formats it, no line of any file over 100 columns, the shell
+# scripts through shellcheck, and the product code through clang-tidy
+# (.clang-tidy) and cppcheck. Any finding
 # fails the command. On a fresh Debian 12 machine, run as root: it installs
 # what it needs.
 set -eu
@@ -11,6 +12,12 @@ echo "== format"
 git ls-files '*.c' '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
 long=$(git ls-files | grep -v '^fuzz/corpus/' | xargs awk 'length > 100 {print FILENAME ":" FNR}')
 [ -z "$long" ] || { echo "lines over 100 columns:" "$long" >&2; exit 1; }
+
+echo "== shellcheck"
+# The product's scripts in full; the others at warnings, as their single-quoted
+# programs for another shell are meant.
+shellcheck tool/small-update-service
+git ls-files | xargs file | sed -n 's/: *POSIX shell script.*//p' | xargs shellcheck -S warning
 
 cmake -S . -B build-analyze -DCMAKE_EXPORT_COMPILE_COMMANDS=ON -DBUILD_TESTING=OFF > /dev/null
 files=$(git ls-files 'lib/*.cpp' 'cpp/*.cpp' 'tool/*.cpp')

@@ -4,22 +4,24 @@
 # and besides them
 #   scripts/install-deps.sh --target   the PowerPC cross compiler and qemu-user
 #   scripts/install-deps.sh --fuzz     clang with libFuzzer
-#   scripts/install-deps.sh --check    clang-tidy, cppcheck and clang-format
+#   scripts/install-deps.sh --check    clang-tidy, cppcheck, clang-format and shellcheck
 #   scripts/install-deps.sh --package  the cross compiler and qemu-user, what
 #                                      checks the packages (lintian, autopkgtest,
-#                                      piuparts, reprotest), and the dependencies
-#                                      of debian/tests: autopkgtest runs in the
-#                                      sandbox, which has no network to fetch them
+#                                      piuparts, reprotest, blhc, wrap-and-sort),
+#                                      and the dependencies of debian/tests:
+#                                      autopkgtest runs in the sandbox, which has
+#                                      no network to fetch them
 set -eu
 cd "$(dirname "$0")/.."
 case "${1:-}" in
     "") extra= ;;
     --target) extra="g++-powerpc-linux-gnu qemu-user" ;;
     --fuzz) extra="clang libclang-rt-14-dev" ;;
-    --check) extra="clang-tidy cppcheck clang-format" ;;
+    --check) extra="clang-tidy cppcheck clang-format shellcheck file" ;;
     --package) extra="g++-powerpc-linux-gnu qemu-user file git lintian autopkgtest piuparts
-        debootstrap reprotest faketime disorderfs
-        $(sed -n 's/^Depends://p' debian/tests/control | tr ',' '\n' | grep -v @)" ;;
+        debootstrap reprotest faketime disorderfs blhc devscripts
+        $(awk '/^Depends:/ { f = 1; sub(/^Depends:/, "") } /^[^ \t]/ && !/^Depends:/ { f = 0 } f' \
+            debian/tests/control | tr ',' '\n' | grep -v @)" ;;
     *) echo "usage: $0 [--target|--fuzz|--check|--package]" >&2; exit 2 ;;
 esac
 build_deps=

@@ -4,7 +4,8 @@
 # package for this machine (native/) and for the appliance (powerpc/). Every
 # build starts from a clean copy of the commit, so nothing of another build
 # is reused and a commit gives the same bytes wherever it is built. lintian
-# must then find nothing.
+# must then find nothing, blhc finds every build flag in both build logs, and
+# debian/control and debian/tests/control are as wrap-and-sort -ast writes them.
 #   scripts/package.sh           no tests: seconds
 #   scripts/package.sh --check   the native build runs the tests, then the
 #                                packages are checked as Debian checks them:
@@ -30,6 +31,10 @@ for arch in native powerpc; do
     mkdir -p "$out/$arch/small-update"
     git archive HEAD | tar -x -C "$out/$arch/small-update"
 done
+echo "== wrap-and-sort"
+# debian/control and debian/tests/control as wrap-and-sort -ast writes them.
+unsorted=$(cd "$out/native/small-update" && wrap-and-sort -ast --dry-run)
+[ -z "$unsorted" ] || { echo "not as wrap-and-sort -ast writes them:" "$unsorted" >&2; exit 1; }
 # As root every test runs; a skip would hide a fault.
 export VYRA_SANDBOX_REQUIRED=1
 build() {
@@ -40,6 +45,10 @@ build() {
 # shellcheck disable=SC2086
 build native $profiles
 build powerpc -b -a powerpc -Pnocheck
+echo "== blhc"
+# Every compile and link line of both builds carries the hardening flags. PIE
+# is the compiler's default on both, so dpkg-buildflags passes no -fPIE to find.
+blhc "$out/native.log" "$out/powerpc.log"
 echo "== lintian"
 lintian --pedantic --display-info --fail-on error,warning,info,pedantic "$out"/*/*.changes
 ls -l "$out"/*/*.deb
@@ -63,7 +72,7 @@ git archive HEAD | tar -x -C "$user/small-update"
 chown -R nobody "$user"
 check user-build runuser -u nobody -- env -u VYRA_SANDBOX_REQUIRED HOME="$user" \
     sh -c 'cd "$1" && dpkg-buildpackage -b -uc -us' sh "$user/small-update"
-check autopkgtest sandbox/vyra-sandbox --bind "$out" -- autopkgtest \
+check autopkgtest sandbox/vyra-sandbox --bind "$out" --bind /sys -- autopkgtest \
     --output-dir="$out/autopkgtest" "$native" "$dsc" -- null
 check piuparts piuparts --distribution=bookworm --mirror="http://deb.debian.org/debian main" \
     --tmpdir="$out" "$native"
