@@ -2,9 +2,8 @@
 # The house format and static analysis: every C and C++ file as clang-format
 # (.clang-format) formats it, no line of any file over 100 columns, the shell
 # scripts through shellcheck, and the product code through clang-tidy
-# (.clang-tidy) and cppcheck. Any finding
-# fails the command. On a fresh Debian 12 machine, run as root: it installs
-# what it needs.
+# (.clang-tidy) and cppcheck. Any finding fails the command. On a fresh
+# Debian 12 machine, run as root: it installs what it needs.
 set -eu
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh --check

@@ -19,7 +19,7 @@ case "${1:-}" in
     --fuzz) extra="clang libclang-rt-14-dev" ;;
     --check) extra="clang-tidy cppcheck clang-format shellcheck file" ;;
     --package) extra="g++-powerpc-linux-gnu qemu-user file git lintian autopkgtest piuparts
-        debootstrap reprotest faketime disorderfs blhc devscripts
+        debootstrap reprotest faketime disorderfs blhc devscripts python3-debian
         $(awk '/^Depends:/ { f = 1; sub(/^Depends:/, "") } /^[^ \t]/ && !/^Depends:/ { f = 0 } f' \
             debian/tests/control | tr ',' '\n' | grep -v @)" ;;
     *) echo "usage: $0 [--target|--fuzz|--check|--package]" >&2; exit 2 ;;
