@@ -223,30 +223,21 @@ TEST(FileCloseLock, FreesEveryRowUpToTheTerminator)
 const char kUpdateLog[] = "/var/log/vyraupdate.log", kInstallerLog[] = "/var/log/dpkg_upgrade.log";
 const time_t tStart = time(nullptr);
 
-// The system log as text: standard error as "2> TEXT"; a stand-in's start as
-// "$ " and what it found (standin.sh), past 100 columns broken before its first
-// " | ", then at the command's last blank and before the last " | " within
-// them; every other message as "<PRI>TEXT" without the line number after its
-// file name, marked " (no newline)" where it lacks its line end.
+// The system log as text: standard error as "2> TEXT", a stand-in's start as
+// "$ " and what it found (standin.sh), every other message as "<PRI>TEXT"
+// without the line number after its file name, marked " (no newline)" where
+// it lacks its line end.
 std::string Journal(const Lines &log)
 {
     std::string str;
     for (std::string strMsg : log) {
         const auto posLine = strMsg.find(".cpp:"), posText = strMsg.find(' ', posLine);
-        if (strMsg.rfind("<13>", 0) == 0) {
-            strMsg.replace(0, 4, "$ ");
-            if (strMsg.size() > 100)
-                strMsg.replace(strMsg.find(" | "), 1, "\n  ");
-            if (std::min(strMsg.find('\n'), strMsg.size()) > 100)
-                strMsg.replace(strMsg.rfind(' ', 100), 1, "\n  ");
-            if (const auto posLast = strMsg.rfind('\n'); strMsg.size() - posLast > 101)
-                strMsg.replace(strMsg.rfind(" | ", posLast + 101), 1, "\n  ");
-            strMsg += "\n";
-        } else if (strMsg.rfind('<', 0) != 0) {
+        if (strMsg.rfind("<13>", 0) == 0)
+            strMsg.replace(0, 4, "$ ") += "\n";
+        else if (strMsg.rfind('<', 0) != 0)
             strMsg.insert(0, "2> ");
-        } else if (posLine != std::string::npos && posText != std::string::npos) {
+        else if (posLine != std::string::npos && posText != std::string::npos)
             strMsg.erase(posLine + 5, posText - posLine - 5);
-        }
         str += strMsg.back() == '\n' ? strMsg : strMsg + " (no newline)\n";
     }
     return str;
@@ -448,8 +439,7 @@ $ prog 4 | PATH TZ | /tmp | 0</dev/null 1<>deleted 2<>socket | not leader
 $ prog 8 | PATH | /tmp | 0</dev/null 1<>deleted 2<>socket 3</etc/passwd 5>/tmp/lock | not leader
 $ prog 16 | PATH TZ | / | 0</dev/null 1<>deleted 2<>socket 3</etc/passwd 5>/tmp/lock | not leader
 $ prog 32 | PATH TZ | /tmp | 0</dev/null 1<>deleted 2<>socket 3</etc/passwd 5>/tmp/lock | leader
-$ prog /exit3
-  | PATH TZ | /tmp | 0</dev/null 1<>deleted 2<>socket 3</etc/passwd 5>/tmp/lock 9>pipe | not leader
+$ prog /exit3 | PATH TZ | /tmp | 0</dev/null 1<>deleted 2<>socket 3</etc/passwd 5>/tmp/lock 9>pipe | not leader
 2> stand-in prog: exit 3
 )"},
         {"VLIBCExec, and how a program ends", Probe(kHowItEnds), {}, R"(
@@ -494,11 +484,9 @@ TEST(ExecDpkg, RunsDpkgWithItsOutputInTheInstallerLog)
     const Lines kFailAndKill = Probe("dpkg /x/a.deb /f; dpkg /x/kill.deb");
     const Scenario rows[] = {
         {"a failure, with a folder, and a signal", kFailAndKill, {}, R"(
-$ dpkg -i /x/a.deb /f
-  | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log 3</etc/passwd | not leader
+$ dpkg -i /x/a.deb /f | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log 3</etc/passwd | not leader
 2> dpkg /x/a.deb /f: not installed, no record
-$ dpkg -i /x/kill.deb
-  | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log 3</etc/passwd | not leader
+$ dpkg -i /x/kill.deb | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log 3</etc/passwd | not leader
 2> dpkg /x/kill.deb: installed, no record
 --- /var/log/dpkg_upgrade.log 0644
 [stamp]  ===========[-i /x/a.deb /f]===========
@@ -508,9 +496,7 @@ stand-in dpkg: exit 1
 stand-in dpkg: kill -KILL $$
 )"},
         {"the banner cannot open the log", kNoBanner + Probe("dpkg /x/a.deb"), {}, R"(
-$ dpkg -i /x/a.deb
-  | ASAN_OPTIONS PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log 3</etc/passwd
-  | not leader
+$ dpkg -i /x/a.deb | ASAN_OPTIONS PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log 3</etc/passwd | not leader
 2> dpkg /x/a.deb: not installed, ERR_OPEN_FAILED at error_log_set.cpp:37
 --- /var/log/dpkg_upgrade.log 0644
 stand-in dpkg: exit 1
@@ -614,23 +600,15 @@ exit 255
 <11>small_update.cpp: invalid debian name [%s_1-2669-s1_x.deb]
 2> Unexpected Debian [/smallupd@te/%s_1-2669-s1_x.deb], skip install.
 <11>small_update.cpp: Unexpected Debian [/smallupd@te/%s_1-2669-s1_x.deb], skip install.
-$ vyralogset1 sys err 0x11B01030 /smallupd@te/%s_1-2669-s1_x.deb
-  | PATH | / | 0-2<>/dev/null | leader
-$ vyradeknotify @administrators update:small_update_check_failed /smallupd@te/%s_1-2669-s1_x.deb
-  | PATH | / | 0-2<>/dev/null | leader
+$ vyralogset1 sys err 0x11B01030 /smallupd@te/%s_1-2669-s1_x.deb | PATH | / | 0-2<>/dev/null | leader
+$ vyradeknotify @administrators update:small_update_check_failed /smallupd@te/%s_1-2669-s1_x.deb | PATH | / | 0-2<>/dev/null | leader
 2> Unexpected Debian [/smallupd@te/flashupdate_1-2668-s3_x.deb], skip install.
 <11>small_update.cpp: Unexpected Debian [/smallupd@te/flashupdate_1-2668-s3_x.deb], skip install.
-$ vyralogset1 sys err 0x11B01030 /smallupd@te/flashupdate_1-2668-s3_x.deb
-  | PATH | / | 0-2<>/dev/null | leader
-$ vyradeknotify @administrators update:small_update_check_failed
-  /smallupd@te/flashupdate_1-2668-s3_x.deb
-  | PATH | / | 0-2<>/dev/null | leader
-$ dpkg -i /smallupd@te/f_1-2668-sx_x.deb
-  | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log | not leader
-$ dpkg -i /smallupd@te/%n%s_1-2668-s1_x.deb
-  | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log | not leader
-$ dpkg -i /smallupd@te/g_1-2668-s2_x.deb
-  | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log | not leader
+$ vyralogset1 sys err 0x11B01030 /smallupd@te/flashupdate_1-2668-s3_x.deb | PATH | / | 0-2<>/dev/null | leader
+$ vyradeknotify @administrators update:small_update_check_failed /smallupd@te/flashupdate_1-2668-s3_x.deb | PATH | / | 0-2<>/dev/null | leader
+$ dpkg -i /smallupd@te/f_1-2668-sx_x.deb | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log | not leader
+$ dpkg -i /smallupd@te/%n%s_1-2668-s1_x.deb | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log | not leader
+$ dpkg -i /smallupd@te/g_1-2668-s2_x.deb | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log | not leader
 --- /var/log/vyraupdate.log 0644
 [stamp] Failed to update critical update
 --- /var/log/dpkg_upgrade.log 0644
@@ -658,14 +636,11 @@ exit 255
 <11>debian_lib.cpp: Fail to fork (no newline)
 <11>small_update.cpp: Failed to install [/smallupd@te/a_1-2668-s1_x.deb]
 $ vyralogset1 sys err 0x11B01031 /smallupd@te/a_1-2668-s1_x.deb | PATH | / | 0-2<>/dev/null | leader
-$ vyradeknotify @administrators update:small_update_install_failed /smallupd@te/a_1-2668-s1_x.deb
-  | PATH | / | 0-2<>/dev/null | leader
-$ dpkg -i /smallupd@te/b_1-2668-s2_x.deb
-  | ASAN_OPTIONS PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log | not leader
+$ vyradeknotify @administrators update:small_update_install_failed /smallupd@te/a_1-2668-s1_x.deb | PATH | / | 0-2<>/dev/null | leader
+$ dpkg -i /smallupd@te/b_1-2668-s2_x.deb | ASAN_OPTIONS PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log | not leader
 <11>small_update.cpp: Failed to install [/smallupd@te/b_1-2668-s2_x.deb]
 $ vyralogset1 sys err 0x11B01031 /smallupd@te/b_1-2668-s2_x.deb | PATH | / | 0-2<>/dev/null | leader
-$ vyradeknotify @administrators update:small_update_install_failed /smallupd@te/b_1-2668-s2_x.deb
-  | PATH | / | 0-2<>/dev/null | leader
+$ vyradeknotify @administrators update:small_update_install_failed /smallupd@te/b_1-2668-s2_x.deb | PATH | / | 0-2<>/dev/null | leader
 --- /var/log/vyraupdate.log 0644
 [stamp] Failed to update critical update
 --- /var/log/dpkg_upgrade.log 0644
@@ -675,8 +650,7 @@ stand-in dpkg: exit 1
 [stamp] Failed to install -i/smallupd@te/b_1-2668-s2_x.deb
 )"},
         {"no /dev/null, standard error closed", kNoDevNull + kTool, {{"a_1-2668-s1_x.deb", ""}}, R"(
-$ dpkg -i /smallupd@te/a_1-2668-s1_x.deb
-  | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log | not leader
+$ dpkg -i /smallupd@te/a_1-2668-s1_x.deb | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log | not leader
 --- /var/log/vyraupdate.log 0644
 [stamp] Finished critical update!!!
 --- /var/log/dpkg_upgrade.log 0644
@@ -754,11 +728,8 @@ TEST(SmallUpdate, InstallsRealPackagesAndCompletesARunThatThePowerCut)
 signal 9
 2> Failed to install [/smallupd@te/vyra-d_1.0-2668-s2_all.deb]
 <11>small_update.cpp: Failed to install [/smallupd@te/vyra-d_1.0-2668-s2_all.deb]
-$ vyralogset1 sys err 0x11B01031 /smallupd@te/vyra-d_1.0-2668-s2_all.deb
-  | PATH | / | 0-2<>/dev/null | leader
-$ vyradeknotify @administrators update:small_update_install_failed
-  /smallupd@te/vyra-d_1.0-2668-s2_all.deb
-  | PATH | / | 0-2<>/dev/null | leader
+$ vyralogset1 sys err 0x11B01031 /smallupd@te/vyra-d_1.0-2668-s2_all.deb | PATH | / | 0-2<>/dev/null | leader
+$ vyradeknotify @administrators update:small_update_install_failed /smallupd@te/vyra-d_1.0-2668-s2_all.deb | PATH | / | 0-2<>/dev/null | leader
 --- /var/log/dpkg_upgrade.log 0644
 [stamp]  ===========[-i /smallupd@te/vyra-y_1.0-2668-s1_all.deb ]===========
 [stamp]  ===========[-i /smallupd@te/vyra-d_1.0-2668-s2_all.deb ]===========
