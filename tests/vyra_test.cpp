@@ -117,6 +117,7 @@ TEST(FileGetKeyValue, ReadsTheValueOfAKey)
         {"last wins", "k=1\nk=22\n", "k", 32, 1, 3, "22"},
         {"quotes, blanks, CR LF", "K=2\r\n \"k\" = \"7\" \r\n", "k", 32, 0, 2, "7"},
         {"empty value", "k=\n", "k", 32, 0, 0, "before", kNone},
+        {"blank value", "k= \n", "k", 32, 0, 1, ""},
         {"no file", nullptr, "k", 32, 0, -1, "before",
          "ERR_OPEN_FAILED at file_get_key_value.cpp:56"},
         {"null key", "", nullptr, 32, 0, -1, "before",
@@ -350,6 +351,7 @@ TEST(FindSmallFixNumfromDeb, ReadsTheSmallFixOfANameMadeForThisBuild)
         {"no -s in the version", "x-2668-s_4.1_all.deb", kV, -1},
         {"not .deb", "x_4.1-2668-s5_all.DEB", kV, -1},
         {"no VERSION", "x_4.1-2668-s5_all.deb", "", -1, kGetFail},
+        {"the first buildnumber", "x_4.1-2668-s5_all.deb", "buildnumber=2668\nbuildnumber=1\n", 5},
         {"an empty build", "x_4.1--s4_all.deb", "buildnumber=  \n", 4},
     };
     sandbox::TakeLog();
