@@ -21,11 +21,13 @@ timed() {
     start=$(date +%s%N) && "$service" pending 2> /dev/null || :
     echo $(($(date +%s%N) - start))
 }
-median() { sort -n | sed -n 3p | awk -v what="$1" "{ printf \"%-36s %.3f s\n\", what, \$1 / 1e9 }"; }
+median() {
+    sort -n | sed -n 3p | awk -v what="$1" "{ printf \"%-36s %.3f s\n\", what, \$1 / 1e9 }"
+}
 i=1
 while [ "$i" -le "$count" ]; do fix "$i" 1.0 && i=$((i + 1)); done
 # The record of a clean attempt at these candidates: a tool that does nothing.
-printf "#!/bin/sh\n" > /usr/sbin/small_update
+printf "#!/bin/sh\n" > /usr/sbin/small_update && chmod 755 /usr/sbin/small_update
 for k in 1 2 3 4 5; do rm -f /var/lib/small-update/digests && timed; done |
     median "every digest taken (no record):"
 "$service" run 2> /dev/null || :
