@@ -28,10 +28,10 @@ i=1
 while [ "$i" -le "$count" ]; do fix "$i" 1.0 && i=$((i + 1)); done
 # The record of a clean attempt at these candidates: a tool that does nothing.
 printf "#!/bin/sh\n" > /usr/sbin/small_update && chmod 755 /usr/sbin/small_update
-for k in 1 2 3 4 5; do rm -f /var/lib/small-update/digests && timed; done |
-    median "every digest taken (no record):"
+for _ in 1 2 3 4 5; do rm -f /var/lib/small-update/digests && timed; done |
+    median "every digest taken (no cache):"
 "$service" run 2> /dev/null || :
 sleep 2
-for k in 1 2 3 4 5; do timed; done | median "nothing changed:"
+for _ in 1 2 3 4 5; do timed; done | median "nothing changed:"
 for k in 1 2 3 4 5; do fix 1 "1.$k" && sleep 2 && timed; done | median "one of them rewritten:"
 ' sh "${1:-20}" "${2:-5}"
