@@ -1,0 +1,195 @@
+// The candidates of the update directory, as the tool's glob sees them.
+#include <errno.h>
+#include <fcntl.h>
+#include <fnmatch.h>
+#include <glob.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "system.h"
+
+namespace Service {
+namespace {
+
+const char SZ_UPDATE_DIR[] = "/smallupd@te";
+const int64_t NS_SECOND = 1000000000;
+// A file written within this long is still being written: a person copying
+// a fix in pieces pauses between them, and the close of each starts a check.
+const int64_t NS_STILL = 5 * NS_SECOND;
+// How long a check or run waits for such a file, well within the units' time-outs.
+const int64_t NS_WAIT = 60 * NS_SECOND;
+// A file system may keep times to 2 s: a digest taken closer than that to
+// the file's change cannot tell it from a rewrite in the same tick.
+const int64_t NS_TRUSTED = 2 * NS_SECOND;
+
+int64_t Ns(const struct timespec &ts)
+{
+    return static_cast<int64_t>(ts.tv_sec) * NS_SECOND + ts.tv_nsec;
+}
+
+int64_t Now()
+{
+    struct timespec ts = {};
+    (void)clock_gettime(CLOCK_REALTIME, &ts);
+    return Ns(ts);
+}
+
+bool BlSame(const struct stat &a, const struct stat &b)
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+           Ns(a.st_mtim) == Ns(b.st_mtim) && Ns(a.st_ctim) == Ns(b.st_ctim);
+}
+
+enum class Taking { Taken, Writing, Failed };
+
+// The digest and package of the regular file as stat saw it, read through
+// one descriptor, so that both are of the same file.
+Taking Take(const std::string &strPath, const struct stat &st, Digest &digest)
+{
+    const int fd = open(strPath.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0)
+        return Taking::Failed;
+    struct stat stNow = {};
+    bool blWriting = fstat(fd, &stNow) != 0 || !BlSame(st, stNow);
+    // A read lease is refused while anybody holds the file open for writing:
+    // a copy that stalls is not taken for a whole one.
+    if (!blWriting && fcntl(fd, F_SETLEASE, F_RDLCK) == 0)
+        (void)fcntl(fd, F_SETLEASE, F_UNLCK);
+    else
+        blWriting = blWriting || errno == EAGAIN;
+    std::string strSum, strPackage;
+    if (!blWriting && Capture({"/usr/bin/sha256sum"}, fd, strSum) == 0 && strSum.size() > 64 &&
+        strSum[64] == ' ')
+        digest.strDigest = strSum.substr(0, 64);
+    if (!blWriting && lseek(fd, 0, SEEK_SET) == 0 &&
+        Capture({"/usr/bin/dpkg-deb", "--show", "--showformat=${Package}:${Architecture}",
+                 "/proc/self/fd/0"},
+                fd, strPackage) == 0 &&
+        !strPackage.empty())
+        digest.strPackage = strPackage;
+    // Changed while it was read: still being written.
+    blWriting = blWriting || fstat(fd, &stNow) != 0 || !BlSame(st, stNow);
+    (void)close(fd);
+    if (blWriting)
+        return Taking::Writing;
+    return digest.strDigest != "-" && digest.strPackage != "-" ? Taking::Taken : Taking::Failed;
+}
+
+}  // namespace
+
+UpdateDirectory::UpdateDirectory() : m_fd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
+{
+    // Without a watch, a change meanwhile waits for the next check.
+    if (m_fd >= 0)
+        (void)inotify_add_watch(m_fd, SZ_UPDATE_DIR,
+                                IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_MOVED_FROM |
+                                    IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR);
+}
+
+UpdateDirectory::~UpdateDirectory()
+{
+    if (m_fd >= 0)
+        (void)close(m_fd);
+}
+
+UpdateDirectory::Scan UpdateDirectory::Read(std::vector<Digest> &cache)
+{
+    const auto byPath = [](const Digest &a, const Digest &b) { return a.strPath < b.strPath; };
+    std::sort(cache.begin(), cache.end(), byPath);
+    const int64_t nsEnd = Now() + NS_WAIT;
+    const size_t cCached = cache.size();
+    bool blTaken = false;
+    for (;;) {
+        (void)Drain();  // what happened so far, this reading sees
+        Scan scan;
+        std::vector<Digest> kept;
+        int64_t nsWake = nsEnd;
+        glob_t globbuf = {};
+        (void)glob("/smallupd@te/*.deb", GLOB_ERR | GLOB_NOSORT, nullptr, &globbuf);
+        std::vector<std::string> paths(globbuf.gl_pathv, globbuf.gl_pathv + globbuf.gl_pathc);
+        globfree(&globbuf);
+        std::sort(paths.begin(), paths.end());
+        for (std::string &strPath : paths) {
+            struct stat st = {};
+            const bool blStat = stat(strPath.c_str(), &st) == 0;
+            if (!blStat || !S_ISREG(st.st_mode)) {
+                // Gone since the glob: no candidate; a link to nothing: one.
+                if (blStat || lstat(strPath.c_str(), &st) == 0)
+                    scan.candidates.push_back({strPath, blStat && S_ISDIR(st.st_mode) ? 'd' : 'o'});
+                continue;
+            }
+            const int64_t nsNow = Now(), nsModified = Ns(st.st_mtim);
+            Digest digest = {strPath, st.st_size, nsModified, Ns(st.st_ctim), nsNow, "-", "-"};
+            const auto it = std::lower_bound(cache.begin(), cache.end(), digest, byPath);
+            Taking taking = Taking::Taken;
+            if (nsModified > nsNow - NS_STILL && nsModified < nsNow + NS_STILL) {
+                nsWake = std::min(nsWake, nsModified + NS_STILL);
+                taking = Taking::Writing;
+            } else if (it != cache.end() && it->strPath == strPath && it->cb == digest.cb &&
+                       it->nsModified == nsModified && it->nsChanged == digest.nsChanged &&
+                       it->nsTaken >= it->nsChanged + NS_TRUSTED) {
+                digest = *it;
+            } else {
+                taking = Take(strPath, st, digest);
+                blTaken = true;
+            }
+            if (taking == Taking::Writing) {
+                nsWake = std::min(nsWake, nsNow + NS_SECOND);
+                scan.writing.push_back(std::move(strPath));
+                continue;
+            }
+            scan.candidates.push_back({strPath, 'f', digest.strDigest, digest.strPackage});
+            if (taking == Taking::Taken)
+                kept.push_back(std::move(digest));
+        }
+        cache = std::move(kept);
+        scan.blCacheChanged = blTaken || cache.size() != cCached;
+        if (scan.writing.empty() || Now() >= nsEnd || gblStop)
+            return scan;
+        Wait(nsWake);
+    }
+}
+
+bool UpdateDirectory::Changed()
+{
+    return Drain();
+}
+
+bool UpdateDirectory::Drain()
+{
+    alignas(struct inotify_event) char ach[4096];
+    bool blChanged = false;
+    for (ssize_t cb; m_fd >= 0 && (cb = read(m_fd, ach, sizeof(ach))) > 0;) {
+        for (ssize_t idx = 0; idx < cb;) {
+            const auto *pEvent = reinterpret_cast<const struct inotify_event *>(ach + idx);
+            blChanged = blChanged || (pEvent->mask & (IN_Q_OVERFLOW | IN_IGNORED)) != 0 ||
+                        (pEvent->len > 0 && fnmatch("*.deb", pEvent->name, FNM_PERIOD) == 0);
+            idx += static_cast<ssize_t>(sizeof(struct inotify_event) + pEvent->len);
+        }
+    }
+    return blChanged;
+}
+
+// Until then, an event in the directory, or SIGTERM, which is let in only
+// while it waits so that it cannot slip in between the test and the wait.
+void UpdateDirectory::Wait(int64_t nsUntil)
+{
+    sigset_t term, old;
+    (void)sigemptyset(&term);
+    (void)sigaddset(&term, SIGTERM);
+    (void)sigprocmask(SIG_BLOCK, &term, &old);
+    const int64_t nsLeft = std::max<int64_t>(nsUntil - Now(), 0);
+    const struct timespec ts = {static_cast<time_t>(nsLeft / NS_SECOND),
+                                static_cast<long>(nsLeft % NS_SECOND)};
+    struct pollfd pfd = {m_fd, POLLIN, 0};
+    if (!gblStop)
+        (void)ppoll(&pfd, m_fd >= 0 ? 1 : 0, &ts, &old);
+    (void)sigprocmask(SIG_SETMASK, &old, nullptr);
+}
+
+}  // namespace Service

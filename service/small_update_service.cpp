@@ -1,0 +1,280 @@
+// small-update-service run|pending: the unattended runs of small_update.
+//
+// run      what small-update.service runs: small_update, counted as an
+//          attempt in the record before it starts, and recorded as clean or
+//          failed once all it wrote is on disk; again at once while the
+//          candidates change under it. SIGTERM ends the loop, not the run in
+//          progress, whose outcome is still recorded. It ends failed only
+//          after an attempt that was not clean.
+// pending  the judgement of small-update-check.service and
+//          small-update-boot.service: exits 0 when a run is owed, 1 when none
+//          is, and 255, which fails its unit, when it gave up on candidates
+//          after three attempts that were not clean.
+// Each says what it decided in one line to the journal, its priority in front.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "system.h"
+
+namespace {
+
+using namespace Service;
+
+const char SZ_STATE_DIR[] = "/var/lib/small-update";
+const char SZ_RECORD[] = "/var/lib/small-update/last-run";
+const char SZ_DIGESTS[] = "/var/lib/small-update/digests";
+const char SZ_TURN[] = "/var/lib/small-update/lock";
+const char SZ_AGAIN[] = "/var/lib/small-update/again";
+
+// The answer never depends on whether the journal took the line.
+void Say(const std::string &strLine)
+{
+    (void)fprintf(stderr, "%s\n", strLine.c_str());
+}
+
+void Put(const char *szPath, const std::string &strText)
+{
+    if (!WriteDurably(szPath, strText))
+        Say(std::string("<3>cannot write ") + szPath);
+}
+
+// Judgements and runs take turns, held on a lock file, so that two never
+// count or tell at once. One that finds the turn taken leaves "again" for the
+// holder, which looks for it once it has let go; whichever sees the other
+// first judges, so no change waits for the hourly check.
+class Turn {
+  public:
+    Turn() : m_fd(open(SZ_TURN, O_RDWR | O_CREAT | O_CLOEXEC, 0600))
+    {
+    }
+    ~Turn()
+    {
+        if (m_fd >= 0)
+            (void)close(m_fd);
+    }
+    Turn(const Turn &) = delete;
+    Turn &operator=(const Turn &) = delete;
+
+    bool Take(bool blWait)
+    {
+        while (m_fd < 0 || flock(m_fd, LOCK_EX | (blWait ? 0 : LOCK_NB)) != 0) {
+            if (m_fd < 0 || errno != EINTR || gblStop)
+                return false;
+        }
+        return true;
+    }
+    bool TakeOrAsk()
+    {
+        if (Take(false))
+            return true;
+        const int fd = open(SZ_AGAIN, O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        if (fd >= 0)
+            (void)close(fd);
+        return Take(false);
+    }
+    // Whatever was asked before now, the reading that follows answers.
+    static void Begin()
+    {
+        (void)unlink(SZ_AGAIN);
+    }
+    // Lets go; true with the turn taken again when somebody asked meanwhile.
+    bool GiveAndTakeIfAsked()
+    {
+        (void)flock(m_fd, LOCK_UN);
+        return access(SZ_AGAIN, F_OK) == 0 && Take(false);
+    }
+
+  private:
+    int m_fd;
+};
+
+// Everything a judgement goes by, read now.
+Seen Look(UpdateDirectory &directory, std::vector<Digest> &cache, bool blAsked)
+{
+    UpdateDirectory::Scan scan = directory.Read(cache);
+    // A cache that cannot be written only costs the digests again.
+    if (scan.blCacheChanged)
+        (void)WriteDurably(SZ_DIGESTS, FormatDigests(cache));
+    Seen seen;
+    seen.record = ParseRecord(ReadWhole(SZ_RECORD));
+    seen.strBuild = Build();
+    seen.candidates = std::move(scan.candidates);
+    seen.writing = std::move(scan.writing);
+    seen.audit = RunAudit(seen.candidates);
+    seen.pidDpkgLock = DpkgLockHolder();
+    seen.blAsked = blAsked;
+    return seen;
+}
+
+// What the answer asks beyond its line: the administrators told, and the
+// failed state of the units cleared, each at most once, as the record says.
+void Act(const Answer &answer, const Seen &seen)
+{
+    if (!answer.tell.empty()) {
+        Tell(answer.tell);
+        Record record = *seen.record;
+        record.blTold = true;
+        Put(SZ_RECORD, FormatRecord(record));
+    }
+    if (answer.blResetFailed) {
+        ResetFailedUnits();
+        Record record;
+        record.outcome = Outcome::Clean;
+        record.strBuild = seen.strBuild;
+        Put(SZ_RECORD, FormatRecord(record));
+    }
+    Say(answer.strLine);
+}
+
+// One attempt at the candidates: 0 when it was clean or did not count.
+int Attempt(const Seen &seen)
+{
+    Record record;
+    record.strBuild = seen.strBuild;
+    record.candidates = seen.candidates;
+    const bool blSame = seen.record && seen.record->strBuild == record.strBuild &&
+                        seen.record->candidates == record.candidates;
+    record.nAttempt =
+        blSame && seen.record->outcome != Outcome::Clean ? seen.record->nAttempt + 1 : 1;
+    record.blTold = blSame && seen.record->blTold;
+    // Counted before it starts: a fix that takes the machine down is not
+    // tried for ever.
+    if (!WriteDurably(SZ_RECORD, FormatRecord(record))) {
+        Say(std::string("<3>cannot write ") + SZ_RECORD);
+        return 1;
+    }
+    const auto [status, strStderr] = RunTool();
+    const bool blSynced = SyncLocalFileSystems();
+    if (!blSynced)
+        Say("<4>cannot sync every file system");
+    record.failed = FailedInstalls(strStderr, record.candidates);
+    const Audit audit = RunAudit(record.candidates);
+    const pid_t pidDpkgLock = DpkgLockHolder();
+    const std::optional<Outcome> outcome = JudgeAttempt(
+        status, blSynced, !record.failed.empty(),
+        std::any_of(record.candidates.begin(), record.candidates.end(),
+                    [&audit](const Candidate &candidate) { return HalfDone(audit, candidate); }),
+        pidDpkgLock);
+    const std::string strAttempt = "<6>attempt " + std::to_string(record.nAttempt) + ": ";
+    if (!outcome) {
+        if (seen.record)
+            Put(SZ_RECORD, FormatRecord(*seen.record));
+        else if (unlink(SZ_RECORD) != 0 && errno != ENOENT)
+            Say(std::string("<3>cannot write ") + SZ_RECORD);
+        Say(strAttempt + "not counted, process " + std::to_string(pidDpkgLock) +
+            " holds dpkg's lock");
+        return 0;
+    }
+    record.outcome = *outcome;
+    record.blTold = record.blTold && *outcome != Outcome::Clean;
+    Put(SZ_RECORD, FormatRecord(record));
+    Say(strAttempt + (*outcome == Outcome::Clean ? "clean" : "failed"));
+    if (*outcome != Outcome::Clean)
+        return 1;
+    if (MayBeFailed(seen.record))
+        ResetFailedUnits();
+    return 0;
+}
+
+int Run()
+{
+    struct sigaction sa = {};
+    sa.sa_handler = [](int) { gblStop = 1; };
+    (void)sigaction(SIGTERM, &sa, nullptr);
+    Turn turn;
+    if (!turn.Take(true)) {
+        if (gblStop)
+            return 0;
+        Say(std::string("<3>cannot write ") + SZ_TURN);
+        return 1;
+    }
+    UpdateDirectory directory;
+    std::vector<Digest> cache = ParseDigests(ReadWhole(SZ_DIGESTS)).value_or(std::vector<Digest>());
+    std::optional<Record> attempted;
+    int nExit = 0;
+    for (;;) {
+        Turn::Begin();
+        // Started by hand or by a judgement, the first attempt is owed; the
+        // next ones only for candidates that changed while it ran.
+        const Seen seen = Look(directory, cache, true);
+        if (gblStop)
+            break;
+        if (!attempted || attempted->strBuild != seen.strBuild ||
+            attempted->candidates != seen.candidates) {
+            const Answer answer = Judge(seen);
+            if (answer.verdict == Verdict::Owed) {
+                nExit = Attempt(seen);
+                attempted = Record{1, Outcome::Cut, false, seen.strBuild, seen.candidates, {}};
+                continue;
+            }
+            Act(answer, seen);
+        }
+        if (!turn.GiveAndTakeIfAsked())
+            break;
+    }
+    return nExit;
+}
+
+int Pending()
+{
+    // Watched before the turn is taken: a change meanwhile is judged again.
+    UpdateDirectory directory;
+    Turn turn;
+    if (!turn.TakeOrAsk()) {
+        Say("<6>nothing started: a run or judgement is in progress, and judges again once done");
+        return 1;
+    }
+    std::vector<Digest> cache = ParseDigests(ReadWhole(SZ_DIGESTS)).value_or(std::vector<Digest>());
+    for (;;) {
+        Turn::Begin();
+        const Seen seen = Look(directory, cache, false);
+        const Answer answer = Judge(seen);
+        Act(answer, seen);
+        // The run that follows reads the candidates afresh.
+        if (answer.verdict == Verdict::Owed)
+            return ExitCode(answer.verdict);
+        if (!directory.Changed() && !turn.GiveAndTakeIfAsked())
+            return ExitCode(answer.verdict);
+    }
+}
+
+// Started with a standard descriptor closed, a file it opens would take its
+// place, and the tool's reports or a program's output would go there.
+void OpenMissingStandardDescriptors()
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) == -1 && errno == EBADF) {
+            const int fdNull = open("/dev/null", O_RDWR);
+            if (fdNull > STDERR_FILENO)
+                (void)close(fdNull);
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char *argv[])
+{
+    OpenMissingStandardDescriptors();
+    const std::string strVerb = argc == 2 ? argv[1] : "";
+    if (strVerb != "run" && strVerb != "pending") {
+        (void)fprintf(stderr, "usage: %s run|pending\n",
+                      argc > 0 ? argv[0] : "small-update-service");
+        return 2;
+    }
+    // A reader of the journal that went away ends no run: a write fails instead.
+    struct sigaction sa = {};
+    sa.sa_handler = [](int) {};
+    (void)sigaction(SIGPIPE, &sa, nullptr);
+    if (mkdir(SZ_STATE_DIR, 0755) != 0 && errno != EEXIST) {
+        Say(std::string("<3>cannot write ") + SZ_STATE_DIR);
+        return strVerb == "run" ? 1 : 255;
+    }
+    return strVerb == "run" ? Run() : Pending();
+}

@@ -1,0 +1,69 @@
+// The service's reading and writing: files, programs and the system, on the
+// fixed paths of the appliance.
+#ifndef SMALL_UPDATE_SERVICE_SYSTEM_H
+#define SMALL_UPDATE_SERVICE_SYSTEM_H
+
+#include <signal.h>
+
+#include "service.h"
+
+namespace Service {
+
+extern volatile sig_atomic_t gblStop;  // SIGTERM came: no further run is started
+
+// A whole file; "" when it cannot be read.
+std::string ReadWhole(const char *szPath);
+// strText, which ends in a newline, as szPath: written aside with the core
+// library's writer (appended and synced, its directory synced), renamed into
+// place and the directory synced, so that a power cut leaves the old file or
+// the new one, whole. false, and the old file in place, when a step failed.
+bool WriteDurably(const char *szPath, const std::string &strText);
+
+// Runs argv (a full path first) with standard input on fdIn, or /dev/null
+// for -1, and standard error on /dev/null; its output is caught whole. The
+// wait status, -1 when it could not be started.
+int Capture(const std::vector<const char *> &argv, int fdIn, std::string &strOut);
+
+std::string Build();  // as the tool reads it; "" when there is none
+// small_update, its standard error caught in /var/lib/small-update/stderr and
+// then passed on; its wait status, -1 when it could not start, and the text.
+std::pair<int, std::string> RunTool();
+Audit RunAudit(const std::vector<Candidate> &candidates);
+pid_t DpkgLockHolder();
+bool SyncLocalFileSystems();
+void ResetFailedUnits();
+void Tell(const std::vector<std::string> &paths);  // as the tool tells of a failed installation
+
+// The update directory, watched from its creation: what changes while it is
+// read or judged is seen, though systemd, while the unit it started is
+// active, starts nothing for it.
+class UpdateDirectory {
+  public:
+    UpdateDirectory();
+    ~UpdateDirectory();
+    UpdateDirectory(const UpdateDirectory &) = delete;
+    UpdateDirectory &operator=(const UpdateDirectory &) = delete;
+
+    struct Scan {
+        std::vector<Candidate> candidates;
+        std::vector<std::string> writing;  // files still being written
+        bool blCacheChanged = false;
+    };
+    // The candidates. Digests are taken from cache while the file's size and
+    // times still hold, or else taken and added; cache then holds the
+    // candidates' alone. A file still being written is waited for, for a
+    // while, and then left out of the candidates.
+    Scan Read(std::vector<Digest> &cache);
+    // Whether a "*.deb" was written, renamed, made or removed since the last
+    // Read began.
+    bool Changed();
+
+  private:
+    bool Drain();  // whether any event concerned a "*.deb"
+    void Wait(int64_t nsUntil);
+    int m_fd;
+};
+
+}  // namespace Service
+
+#endif
