@@ -4,6 +4,7 @@
 #include <fnmatch.h>
 #include <glob.h>
 #include <poll.h>
+#include <string.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -17,6 +18,7 @@ namespace Service {
 namespace {
 
 const char SZ_UPDATE_DIR[] = "/smallupd@te";
+const char SZ_DIGESTS[] = "/var/lib/small-update/digests";
 const int64_t NS_SECOND = 1000000000;
 // A file written within this long is still being written: a person copying
 // a fix in pieces pauses between them, and the close of each starts a check.
@@ -49,7 +51,7 @@ enum class Taking { Taken, Writing, Failed };
 
 // The digest and package of the regular file as stat saw it, read through
 // one descriptor, so that both are of the same file.
-Taking Take(const std::string &strPath, const struct stat &st, Digest &digest)
+Taking Take(const std::string &strPath, const struct stat &st, Candidate &candidate)
 {
     const int fd = open(strPath.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0)
@@ -65,19 +67,20 @@ Taking Take(const std::string &strPath, const struct stat &st, Digest &digest)
     std::string strSum, strPackage;
     if (!blWriting && Capture({"/usr/bin/sha256sum"}, fd, strSum) == 0 && strSum.size() > 64 &&
         strSum[64] == ' ')
-        digest.strDigest = strSum.substr(0, 64);
+        candidate.strDigest = strSum.substr(0, 64);
     if (!blWriting && lseek(fd, 0, SEEK_SET) == 0 &&
         Capture({"/usr/bin/dpkg-deb", "--show", "--showformat=${Package}:${Architecture}",
                  "/proc/self/fd/0"},
                 fd, strPackage) == 0 &&
         !strPackage.empty())
-        digest.strPackage = strPackage;
+        candidate.strPackage = strPackage;
     // Changed while it was read: still being written.
     blWriting = blWriting || fstat(fd, &stNow) != 0 || !BlSame(st, stNow);
     (void)close(fd);
     if (blWriting)
         return Taking::Writing;
-    return digest.strDigest != "-" && digest.strPackage != "-" ? Taking::Taken : Taking::Failed;
+    return candidate.strDigest != "-" && candidate.strPackage != "-" ? Taking::Taken
+                                                                     : Taking::Failed;
 }
 
 }  // namespace
@@ -97,58 +100,71 @@ UpdateDirectory::~UpdateDirectory()
         (void)close(m_fd);
 }
 
-UpdateDirectory::Scan UpdateDirectory::Read(std::vector<Digest> &cache)
+UpdateDirectory::Scan UpdateDirectory::Read()
 {
-    const auto byPath = [](const Digest &a, const Digest &b) { return a.strPath < b.strPath; };
-    std::sort(cache.begin(), cache.end(), byPath);
     const int64_t nsEnd = Now() + NS_WAIT;
-    const size_t cCached = cache.size();
-    bool blTaken = false;
     for (;;) {
         (void)Drain();  // what happened so far, this reading sees
         Scan scan;
-        std::vector<Digest> kept;
+        std::vector<Stamp> stamps;
         int64_t nsWake = nsEnd;
         glob_t globbuf = {};
         (void)glob("/smallupd@te/*.deb", GLOB_ERR | GLOB_NOSORT, nullptr, &globbuf);
-        std::vector<std::string> paths(globbuf.gl_pathv, globbuf.gl_pathv + globbuf.gl_pathc);
-        globfree(&globbuf);
-        std::sort(paths.begin(), paths.end());
-        for (std::string &strPath : paths) {
+        std::sort(globbuf.gl_pathv, globbuf.gl_pathv + globbuf.gl_pathc,
+                  [](const char *a, const char *b) { return strcmp(a, b) < 0; });
+        // The cache is in the same order: one pass over both.
+        DigestFile cache(SZ_DIGESTS);
+        Digest cached;
+        bool blCached = cache.Next(cached), blChanged = false;
+        for (size_t idx = 0; idx < globbuf.gl_pathc; ++idx) {
+            const std::string strPath = globbuf.gl_pathv[idx];
+            for (; blCached && cached.candidate.strPath < strPath; blCached = cache.Next(cached))
+                blChanged = true;
+            Digest entry;
+            const bool blEntry = blCached && cached.candidate.strPath == strPath;
+            if (blEntry) {
+                entry = std::move(cached);
+                blCached = cache.Next(cached);
+            }
             struct stat st = {};
             const bool blStat = stat(strPath.c_str(), &st) == 0;
             if (!blStat || !S_ISREG(st.st_mode)) {
                 // Gone since the glob: no candidate; a link to nothing: one.
-                if (blStat || lstat(strPath.c_str(), &st) == 0)
+                if (blStat || lstat(strPath.c_str(), &st) == 0) {
                     scan.candidates.push_back({strPath, blStat && S_ISDIR(st.st_mode) ? 'd' : 'o'});
+                    stamps.emplace_back();
+                }
+                blChanged = blChanged || blEntry;
                 continue;
             }
             const int64_t nsNow = Now(), nsModified = Ns(st.st_mtim);
-            Digest digest = {strPath, st.st_size, nsModified, Ns(st.st_ctim), nsNow, "-", "-"};
-            const auto it = std::lower_bound(cache.begin(), cache.end(), digest, byPath);
+            Digest digest = {{strPath}, {st.st_size, nsModified, Ns(st.st_ctim), nsNow}};
             Taking taking = Taking::Taken;
             if (nsModified > nsNow - NS_STILL && nsModified < nsNow + NS_STILL) {
                 nsWake = std::min(nsWake, nsModified + NS_STILL);
                 taking = Taking::Writing;
-            } else if (it != cache.end() && it->strPath == strPath && it->cb == digest.cb &&
-                       it->nsModified == nsModified && it->nsChanged == digest.nsChanged &&
-                       it->nsTaken >= it->nsChanged + NS_TRUSTED) {
-                digest = *it;
+            } else if (blEntry && entry.stamp.cb == digest.stamp.cb &&
+                       entry.stamp.nsModified == nsModified &&
+                       entry.stamp.nsChanged == digest.stamp.nsChanged &&
+                       entry.stamp.nsTaken >= entry.stamp.nsChanged + NS_TRUSTED) {
+                digest = std::move(entry);
             } else {
-                taking = Take(strPath, st, digest);
-                blTaken = true;
+                taking = Take(strPath, st, digest.candidate);
+                blChanged = true;
             }
             if (taking == Taking::Writing) {
                 nsWake = std::min(nsWake, nsNow + NS_SECOND);
-                scan.writing.push_back(std::move(strPath));
+                scan.writing.push_back(strPath);
+                blChanged = blChanged || blEntry;
                 continue;
             }
-            scan.candidates.push_back({strPath, 'f', digest.strDigest, digest.strPackage});
-            if (taking == Taking::Taken)
-                kept.push_back(std::move(digest));
+            scan.candidates.push_back(std::move(digest.candidate));
+            stamps.push_back(digest.stamp);
         }
-        cache = std::move(kept);
-        scan.blCacheChanged = blTaken || cache.size() != cCached;
+        globfree(&globbuf);
+        // A cache that cannot be written only costs the digests again.
+        if (blChanged || blCached)
+            (void)WriteDurably(SZ_DIGESTS, FormatDigests(scan.candidates, stamps));
         if (scan.writing.empty() || Now() >= nsEnd || gblStop)
             return scan;
         Wait(nsWake);

@@ -109,8 +109,7 @@ Answer Judge(const Seen &seen)
     if (seen.candidates.empty())
         return {Verdict::Nothing, "<7>nothing to do: no candidate", {}, MayBeFailed(record)};
 
-    const bool blSame =
-        record && record->strBuild == seen.strBuild && record->candidates == seen.candidates;
+    const bool blSame = record && record->strBuild == seen.strBuild && seen.blSameCandidates;
     std::string strWhy;
     if (seen.blAsked) {
         strWhy = "asked for";

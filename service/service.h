@@ -6,6 +6,7 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -38,23 +39,52 @@ struct Record {
     std::vector<std::string> failed;  // the paths the tool failed to install
 };
 
-// A digest as it was taken, in /var/lib/small-update/digests: the file's size
-// and times then (ns) tell whether it still holds.
-struct Digest {
-    std::string strPath;
+// What tells whether a file's digest and package, taken at nsTaken, still
+// hold: its size and times then (ns).
+struct Stamp {
     int64_t cb = 0, nsModified = 0, nsChanged = 0, nsTaken = 0;
-    std::string strDigest, strPackage;
+};
+// A file candidate whose digest and package were taken, in
+// /var/lib/small-update/digests.
+struct Digest {
+    Candidate candidate;
+    Stamp stamp;
 };
 
-// Both files are lines of fields; a field holds any bytes, those up to the
-// space, DEL and "\" written as "\ooo", so that a name with a newline stays
-// one field. A text that is not whole (torn, garbage, another version) is none.
+// Both files are lines of fields, framed by a first line that names the file
+// and its version and a last line "end"; a field holds any bytes, those up to
+// the space, DEL and "\" written as "\ooo", so that a name with a newline
+// stays one field. A file that is not whole (torn, garbage, another version)
+// reads as none.
 std::string Escape(std::string_view str);
 std::optional<std::string> Unescape(std::string_view str);
 std::string FormatRecord(const Record &record);
 std::optional<Record> ParseRecord(std::string_view strText);
-std::string FormatDigests(const std::vector<Digest> &digests);
+// The record in szPath, read a piece at a time: its candidates are compared
+// with now rather than kept, and blSame says whether they are the same.
+std::optional<Record> ReadRecord(const char *szPath, const std::vector<Candidate> &now,
+                                 bool &blSame);
+// The file candidates with a digest and a package, each with its stamp.
+std::string FormatDigests(const std::vector<Candidate> &candidates,
+                          const std::vector<Stamp> &stamps);
 std::optional<std::vector<Digest>> ParseDigests(std::string_view strText);
+
+class StateLines;
+// The digests in szPath an entry at a time, as they were written, so that
+// thousands cost the memory of one: Next is false at the end, and from a line
+// on that is not whole. A file that is not framed as it must be gives none.
+class DigestFile {
+  public:
+    explicit DigestFile(const char *szPath);
+    ~DigestFile();
+    DigestFile(const DigestFile &) = delete;
+    DigestFile &operator=(const DigestFile &) = delete;
+    bool Next(Digest &digest);
+
+  private:
+    std::unique_ptr<StateLines> m_pLines;
+    std::vector<std::string> m_fields;
+};
 
 // What "dpkg --audit" of the candidates' packages found half done.
 struct Audit {
@@ -73,6 +103,7 @@ struct Seen {
     std::optional<Record> record;
     std::string strBuild;
     std::vector<Candidate> candidates;
+    bool blSameCandidates = false;     // they are the record's
     std::vector<std::string> writing;  // "*.deb" files still being written
     Audit audit;
     pid_t pidDpkgLock = 0;  // who holds dpkg's lock; 0 nobody

@@ -28,7 +28,6 @@ using namespace Service;
 
 const char SZ_STATE_DIR[] = "/var/lib/small-update";
 const char SZ_RECORD[] = "/var/lib/small-update/last-run";
-const char SZ_DIGESTS[] = "/var/lib/small-update/digests";
 const char SZ_TURN[] = "/var/lib/small-update/lock";
 const char SZ_AGAIN[] = "/var/lib/small-update/again";
 
@@ -95,17 +94,14 @@ class Turn {
 };
 
 // Everything a judgement goes by, read now.
-Seen Look(UpdateDirectory &directory, std::vector<Digest> &cache, bool blAsked)
+Seen Look(UpdateDirectory &directory, bool blAsked)
 {
-    UpdateDirectory::Scan scan = directory.Read(cache);
-    // A cache that cannot be written only costs the digests again.
-    if (scan.blCacheChanged)
-        (void)WriteDurably(SZ_DIGESTS, FormatDigests(cache));
+    UpdateDirectory::Scan scan = directory.Read();
     Seen seen;
-    seen.record = ParseRecord(ReadWhole(SZ_RECORD));
-    seen.strBuild = Build();
     seen.candidates = std::move(scan.candidates);
     seen.writing = std::move(scan.writing);
+    seen.record = ReadRecord(SZ_RECORD, seen.candidates, seen.blSameCandidates);
+    seen.strBuild = Build();
     seen.audit = RunAudit(seen.candidates);
     seen.pidDpkgLock = DpkgLockHolder();
     seen.blAsked = blAsked;
@@ -118,7 +114,9 @@ void Act(const Answer &answer, const Seen &seen)
 {
     if (!answer.tell.empty()) {
         Tell(answer.tell);
+        // Given up only on the record's own candidates, which are these.
         Record record = *seen.record;
+        record.candidates = seen.candidates;
         record.blTold = true;
         Put(SZ_RECORD, FormatRecord(record));
     }
@@ -132,22 +130,24 @@ void Act(const Answer &answer, const Seen &seen)
     Say(answer.strLine);
 }
 
-// One attempt at the candidates: 0 when it was clean or did not count.
+// One attempt at the candidates: 0 when it was clean or did not count, 1
+// when it failed, -1 when it could not be counted and so did not start.
 int Attempt(const Seen &seen)
 {
     Record record;
     record.strBuild = seen.strBuild;
     record.candidates = seen.candidates;
-    const bool blSame = seen.record && seen.record->strBuild == record.strBuild &&
-                        seen.record->candidates == record.candidates;
+    const bool blSame =
+        seen.record && seen.record->strBuild == seen.strBuild && seen.blSameCandidates;
     record.nAttempt =
         blSame && seen.record->outcome != Outcome::Clean ? seen.record->nAttempt + 1 : 1;
     record.blTold = blSame && seen.record->blTold;
     // Counted before it starts: a fix that takes the machine down is not
-    // tried for ever.
+    // tried for ever. What it replaces is put back if it does not count.
+    const std::string strBefore = seen.record ? ReadWhole(SZ_RECORD) : "";
     if (!WriteDurably(SZ_RECORD, FormatRecord(record))) {
         Say(std::string("<3>cannot write ") + SZ_RECORD);
-        return 1;
+        return -1;
     }
     const auto [status, strStderr] = RunTool();
     const bool blSynced = SyncLocalFileSystems();
@@ -163,8 +163,8 @@ int Attempt(const Seen &seen)
         pidDpkgLock);
     const std::string strAttempt = "<6>attempt " + std::to_string(record.nAttempt) + ": ";
     if (!outcome) {
-        if (seen.record)
-            Put(SZ_RECORD, FormatRecord(*seen.record));
+        if (!strBefore.empty())
+            Put(SZ_RECORD, strBefore);
         else if (unlink(SZ_RECORD) != 0 && errno != ENOENT)
             Say(std::string("<3>cannot write ") + SZ_RECORD);
         Say(strAttempt + "not counted, process " + std::to_string(pidDpkgLock) +
@@ -195,22 +195,22 @@ int Run()
         return 1;
     }
     UpdateDirectory directory;
-    std::vector<Digest> cache = ParseDigests(ReadWhole(SZ_DIGESTS)).value_or(std::vector<Digest>());
-    std::optional<Record> attempted;
     int nExit = 0;
-    for (;;) {
+    for (bool blAttempted = false;;) {
         Turn::Begin();
         // Started by hand or by a judgement, the first attempt is owed; the
         // next ones only for candidates that changed while it ran.
-        const Seen seen = Look(directory, cache, true);
+        const Seen seen = Look(directory, true);
         if (gblStop)
             break;
-        if (!attempted || attempted->strBuild != seen.strBuild ||
-            attempted->candidates != seen.candidates) {
+        if (!blAttempted || !seen.record || seen.record->strBuild != seen.strBuild ||
+            !seen.blSameCandidates) {
             const Answer answer = Judge(seen);
             if (answer.verdict == Verdict::Owed) {
                 nExit = Attempt(seen);
-                attempted = Record{1, Outcome::Cut, false, seen.strBuild, seen.candidates, {}};
+                if (nExit < 0)
+                    return 1;
+                blAttempted = true;
                 continue;
             }
             Act(answer, seen);
@@ -230,10 +230,9 @@ int Pending()
         Say("<6>nothing started: a run or judgement is in progress, and judges again once done");
         return 1;
     }
-    std::vector<Digest> cache = ParseDigests(ReadWhole(SZ_DIGESTS)).value_or(std::vector<Digest>());
     for (;;) {
         Turn::Begin();
-        const Seen seen = Look(directory, cache, false);
+        const Seen seen = Look(directory, false);
         const Answer answer = Judge(seen);
         Act(answer, seen);
         // The run that follows reads the candidates afresh.

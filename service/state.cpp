@@ -2,8 +2,14 @@
 // version, lines of fields, and "end": a file cut short, or written by another
 // version, reads as none, and the service then starts afresh rather than
 // trusting half of it.
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <charconv>
+#include <functional>
 
 #include "service.h"
 
@@ -13,10 +19,36 @@ namespace {
 const char SZ_RECORD_HEAD[] = "small-update last-run 2";
 const char SZ_DIGESTS_HEAD[] = "small-update digests 2";
 const char *const RGSZ_OUTCOMES[] = {"cut", "failed", "clean"};
+const std::string_view STR_TAIL = "\nend\n";
 
 bool BlEscaped(unsigned char ch)
 {
     return ch <= ' ' || ch == 0x7f || ch == '\\';
+}
+
+bool UnescapeInto(std::string_view str, std::string &strOut)
+{
+    strOut.clear();
+    for (size_t idx = 0; idx < str.size(); ++idx) {
+        const auto uch = static_cast<unsigned char>(str[idx]);
+        if (uch != '\\') {
+            if (BlEscaped(uch))
+                return false;
+            strOut += str[idx];
+            continue;
+        }
+        unsigned nByte = 0;
+        for (size_t nDigit = 1; nDigit <= 3; ++nDigit) {
+            if (idx + nDigit >= str.size() || str[idx + nDigit] < '0' || str[idx + nDigit] > '7')
+                return false;
+            nByte = nByte * 8 + static_cast<unsigned>(str[idx + nDigit] - '0');
+        }
+        if (nByte > 0xff)
+            return false;
+        strOut += static_cast<char>(nByte);
+        idx += 3;
+    }
+    return true;
 }
 
 std::string Line(const std::vector<std::string> &fields)
@@ -27,43 +59,165 @@ std::string Line(const std::vector<std::string> &fields)
     return str + "\n";
 }
 
-// Splits a whole file into lines of unescaped fields, checking its first and
-// last lines; nullopt for anything else.
-std::optional<std::vector<std::vector<std::string>>> Lines(std::string_view strText,
-                                                           std::string_view strHead)
-{
-    const std::string strFirst = std::string(strHead) + "\n";
-    const size_t cbText = strText.size();
-    // "end" on a line of its own: a file cut right after "...end\n" does not pass.
-    if (cbText < strFirst.size() + 4 || strText.compare(0, strFirst.size(), strFirst) != 0 ||
-        strText.compare(cbText - 4, 4, "end\n") != 0 || strText[cbText - 5] != '\n')
-        return std::nullopt;
-    strText = strText.substr(strFirst.size(), cbText - strFirst.size() - 4);
-    std::vector<std::vector<std::string>> lines;
-    while (!strText.empty()) {
-        const size_t cbLine = std::min(strText.find('\n'), strText.size());
-        std::vector<std::string> fields;
-        for (std::string_view strLine = strText.substr(0, cbLine);;) {
-            const size_t cbField = std::min(strLine.find(' '), strLine.size());
-            std::optional<std::string> strField = Unescape(strLine.substr(0, cbField));
-            if (!strField)
-                return std::nullopt;
-            fields.push_back(std::move(*strField));
-            if (cbField == strLine.size())
-                break;
-            strLine.remove_prefix(cbField + 1);
-        }
-        lines.push_back(std::move(fields));
-        strText.remove_prefix(std::min(cbLine + 1, strText.size()));
-    }
-    return lines;
-}
-
 template <typename T>
 bool BlNumber(const std::string &str, T &n)
 {
     const char *pchEnd = str.data() + str.size();
     return !str.empty() && std::from_chars(str.data(), pchEnd, n).ptr == pchEnd;
+}
+
+std::optional<Record> RecordFrom(StateLines &lines, const std::function<void(Candidate &&)> &add);
+bool DigestFrom(const std::vector<std::string> &fields, Digest &digest);
+
+}  // namespace
+
+// The lines of one of the files, from memory or from the file a piece at a
+// time. Checked first: the head, and the tail, "end" on a line of its own, so
+// that a file cut right after "...end\n" does not pass.
+class StateLines {
+  public:
+    StateLines(std::string_view strText, std::string_view strHead) : m_strText(strText)
+    {
+        m_blBad = strText.size() < STR_TAIL.size() ||
+                  strText.substr(strText.size() - STR_TAIL.size()) != STR_TAIL || !Head(strHead);
+    }
+    StateLines(const char *szPath, std::string_view strHead)
+        : m_fd(open(szPath, O_RDONLY | O_CLOEXEC))
+    {
+        struct stat st = {};
+        char achTail[STR_TAIL.size()];
+        m_blBad = m_fd < 0 || fstat(m_fd, &st) != 0 ||
+                  st.st_size < static_cast<off_t>(sizeof(achTail)) ||
+                  pread(m_fd, achTail, sizeof(achTail), st.st_size - sizeof(achTail)) !=
+                      static_cast<ssize_t>(sizeof(achTail)) ||
+                  std::string_view(achTail, sizeof(achTail)) != STR_TAIL || !Head(strHead);
+    }
+    ~StateLines()
+    {
+        if (m_fd >= 0)
+            (void)close(m_fd);
+    }
+    StateLines(const StateLines &) = delete;
+    StateLines &operator=(const StateLines &) = delete;
+
+    // The next line's fields, unescaped: false at "end", and from a line on
+    // that is not whole.
+    bool Next(std::vector<std::string> &fields)
+    {
+        std::string_view strLine;
+        if (m_blBad || !NextLine(strLine))
+            return Stop();
+        if (strLine == "end") {
+            m_blWhole = m_strText.empty() && !Read();
+            return Stop();
+        }
+        size_t cFields = 0;
+        for (;; ++cFields) {
+            const size_t cbField = std::min(strLine.find(' '), strLine.size());
+            if (fields.size() <= cFields)
+                fields.emplace_back();
+            if (!UnescapeInto(strLine.substr(0, cbField), fields[cFields]))
+                return Stop();
+            if (cbField == strLine.size())
+                break;
+            strLine.remove_prefix(cbField + 1);
+        }
+        fields.resize(cFields + 1);
+        return true;
+    }
+    // After Next gave false: whether the text ended with "end", whole.
+    bool Whole() const
+    {
+        return m_blWhole;
+    }
+
+  private:
+    bool Stop()
+    {
+        m_blBad = true;
+        return false;
+    }
+    bool Head(std::string_view strHead)
+    {
+        std::string_view strLine;
+        return NextLine(strLine) && strLine == strHead;
+    }
+    bool NextLine(std::string_view &strLine)
+    {
+        for (size_t idx; (idx = m_strText.find('\n')) == std::string_view::npos;) {
+            if (!Read())
+                return false;
+        }
+        const size_t idxEnd = m_strText.find('\n');
+        strLine = m_strText.substr(0, idxEnd);
+        m_strText.remove_prefix(idxEnd + 1);
+        return true;
+    }
+    // Another piece after what is left; false at the end of the file.
+    bool Read()
+    {
+        char ach[65536];
+        ssize_t cb = -1;
+        while (m_fd >= 0 && (cb = read(m_fd, ach, sizeof(ach))) < 0 && errno == EINTR) {
+        }
+        if (cb <= 0)
+            return false;
+        std::string strPiece(m_strText);
+        strPiece.append(ach, static_cast<size_t>(cb));
+        m_strPiece.swap(strPiece);
+        m_strText = m_strPiece;
+        return true;
+    }
+
+    int m_fd = -1;
+    std::string m_strPiece;
+    std::string_view m_strText;  // what is left to read
+    bool m_blBad = false;
+    bool m_blWhole = false;
+};
+
+namespace {
+
+std::optional<Record> RecordFrom(StateLines &lines, const std::function<void(Candidate &&)> &add)
+{
+    std::vector<std::string> fields;
+    Record record;
+    if (!lines.Next(fields) || fields.size() != 4 || fields[0] != "attempt" ||
+        !BlNumber(fields[1], record.nAttempt) || record.nAttempt < 1 ||
+        (fields[3] != "told" && fields[3] != "-"))
+        return std::nullopt;
+    const auto *pszOutcome =
+        std::find(std::begin(RGSZ_OUTCOMES), std::end(RGSZ_OUTCOMES), fields[2]);
+    if (pszOutcome == std::end(RGSZ_OUTCOMES))
+        return std::nullopt;
+    record.outcome = static_cast<Outcome>(pszOutcome - std::begin(RGSZ_OUTCOMES));
+    record.blTold = fields[3] == "told";
+    if (!lines.Next(fields) || fields.size() != 2 || fields[0] != "build")
+        return std::nullopt;
+    record.strBuild = fields[1];
+    while (lines.Next(fields)) {
+        if (fields.size() == 5 && fields[0] == "candidate" && record.failed.empty() &&
+            (fields[1] == "f" || fields[1] == "d" || fields[1] == "o"))
+            add({fields[4], fields[1][0], fields[2], fields[3]});
+        else if (fields.size() == 2 && fields[0] == "failed")
+            record.failed.push_back(fields[1]);
+        else
+            return std::nullopt;
+    }
+    if (!lines.Whole())
+        return std::nullopt;
+    return record;
+}
+
+bool DigestFrom(const std::vector<std::string> &fields, Digest &digest)
+{
+    Stamp &stamp = digest.stamp;
+    if (fields.size() != 8 || fields[0] != "digest" || !BlNumber(fields[1], stamp.cb) ||
+        !BlNumber(fields[2], stamp.nsModified) || !BlNumber(fields[3], stamp.nsChanged) ||
+        !BlNumber(fields[4], stamp.nsTaken) || fields[5] == "-" || fields[6] == "-")
+        return false;
+    digest.candidate = {fields[7], 'f', fields[5], fields[6]};
+    return true;
 }
 
 }  // namespace
@@ -91,25 +245,8 @@ std::string Escape(std::string_view str)
 std::optional<std::string> Unescape(std::string_view str)
 {
     std::string strOut;
-    for (size_t idx = 0; idx < str.size(); ++idx) {
-        const auto uch = static_cast<unsigned char>(str[idx]);
-        if (uch != '\\') {
-            if (BlEscaped(uch))
-                return std::nullopt;
-            strOut += str[idx];
-            continue;
-        }
-        unsigned nByte = 0;
-        for (int nDigit = 1; nDigit <= 3; ++nDigit) {
-            if (idx + nDigit >= str.size() || str[idx + nDigit] < '0' || str[idx + nDigit] > '7')
-                return std::nullopt;
-            nByte = nByte * 8 + static_cast<unsigned>(str[idx + nDigit] - '0');
-        }
-        if (nByte > 0xff)
-            return std::nullopt;
-        strOut += static_cast<char>(nByte);
-        idx += 3;
-    }
+    if (!UnescapeInto(str, strOut))
+        return std::nullopt;
     return strOut;
 }
 
@@ -129,64 +266,73 @@ std::string FormatRecord(const Record &record)
 
 std::optional<Record> ParseRecord(std::string_view strText)
 {
-    const auto lines = Lines(strText, SZ_RECORD_HEAD);
-    if (!lines || lines->size() < 2)
-        return std::nullopt;
-    Record record;
-    const std::vector<std::string> &attempt = (*lines)[0], &build = (*lines)[1];
-    if (attempt.size() != 4 || attempt[0] != "attempt" || !BlNumber(attempt[1], record.nAttempt) ||
-        record.nAttempt < 1 || (attempt[3] != "told" && attempt[3] != "-") || build.size() != 2 ||
-        build[0] != "build")
-        return std::nullopt;
-    const auto *pszOutcome =
-        std::find(std::begin(RGSZ_OUTCOMES), std::end(RGSZ_OUTCOMES), attempt[2]);
-    if (pszOutcome == std::end(RGSZ_OUTCOMES))
-        return std::nullopt;
-    record.outcome = static_cast<Outcome>(pszOutcome - std::begin(RGSZ_OUTCOMES));
-    record.blTold = attempt[3] == "told";
-    record.strBuild = build[1];
-    for (auto it = lines->begin() + 2; it != lines->end(); ++it) {
-        const std::vector<std::string> &fields = *it;
-        if (fields.size() == 5 && fields[0] == "candidate" && record.failed.empty() &&
-            fields[1].size() == 1 &&
-            std::string_view("fdo").find(fields[1][0]) != std::string_view::npos)
-            record.candidates.push_back({fields[4], fields[1][0], fields[2], fields[3]});
-        else if (fields.size() == 2 && fields[0] == "failed")
-            record.failed.push_back(fields[1]);
-        else
-            return std::nullopt;
-    }
+    StateLines lines(strText, SZ_RECORD_HEAD);
+    std::vector<Candidate> candidates;
+    std::optional<Record> record = RecordFrom(lines, [&candidates](Candidate &&candidate) {
+        candidates.push_back(std::move(candidate));
+    });
+    if (record)
+        record->candidates = std::move(candidates);
     return record;
 }
 
-std::string FormatDigests(const std::vector<Digest> &digests)
+std::optional<Record> ReadRecord(const char *szPath, const std::vector<Candidate> &now,
+                                 bool &blSame)
+{
+    StateLines lines(szPath, SZ_RECORD_HEAD);
+    size_t idx = 0;
+    blSame = true;
+    std::optional<Record> record = RecordFrom(lines, [&](const Candidate &candidate) {
+        blSame = blSame && idx < now.size() && now[idx] == candidate;
+        ++idx;
+    });
+    blSame = record && blSame && idx == now.size();
+    return record;
+}
+
+std::string FormatDigests(const std::vector<Candidate> &candidates,
+                          const std::vector<Stamp> &stamps)
 {
     std::string str = std::string(SZ_DIGESTS_HEAD) + "\n";
-    for (const Digest &digest : digests)
-        str += Line({"digest", std::to_string(digest.cb), std::to_string(digest.nsModified),
-                     std::to_string(digest.nsChanged), std::to_string(digest.nsTaken),
-                     digest.strDigest, digest.strPackage, digest.strPath});
+    for (size_t idx = 0; idx < candidates.size() && idx < stamps.size(); ++idx) {
+        const Candidate &candidate = candidates[idx];
+        const Stamp &stamp = stamps[idx];
+        if (candidate.chType == 'f' && candidate.strDigest != "-" && candidate.strPackage != "-")
+            str += Line({"digest", std::to_string(stamp.cb), std::to_string(stamp.nsModified),
+                         std::to_string(stamp.nsChanged), std::to_string(stamp.nsTaken),
+                         candidate.strDigest, candidate.strPackage, candidate.strPath});
+    }
     return str + "end\n";
 }
 
 std::optional<std::vector<Digest>> ParseDigests(std::string_view strText)
 {
-    const auto lines = Lines(strText, SZ_DIGESTS_HEAD);
-    if (!lines)
-        return std::nullopt;
+    StateLines lines(strText, SZ_DIGESTS_HEAD);
+    std::vector<std::string> fields;
     std::vector<Digest> digests;
-    for (const std::vector<std::string> &fields : *lines) {
-        Digest digest;
-        if (fields.size() != 8 || fields[0] != "digest" || !BlNumber(fields[1], digest.cb) ||
-            !BlNumber(fields[2], digest.nsModified) || !BlNumber(fields[3], digest.nsChanged) ||
-            !BlNumber(fields[4], digest.nsTaken))
+    for (Digest digest; lines.Next(fields);) {
+        if (!DigestFrom(fields, digest))
             return std::nullopt;
-        digest.strDigest = fields[5];
-        digest.strPackage = fields[6];
-        digest.strPath = fields[7];
         digests.push_back(std::move(digest));
     }
+    if (!lines.Whole())
+        return std::nullopt;
     return digests;
+}
+
+DigestFile::DigestFile(const char *szPath)
+    : m_pLines(std::make_unique<StateLines>(szPath, SZ_DIGESTS_HEAD))
+{
+}
+
+DigestFile::~DigestFile() = default;
+
+bool DigestFile::Next(Digest &digest)
+{
+    if (m_pLines && m_pLines->Next(m_fields) && DigestFrom(m_fields, digest))
+        return true;
+    m_pLines.reset();
+    return false;
 }
 
 }  // namespace Service

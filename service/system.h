@@ -47,13 +47,12 @@ class UpdateDirectory {
     struct Scan {
         std::vector<Candidate> candidates;
         std::vector<std::string> writing;  // files still being written
-        bool blCacheChanged = false;
     };
-    // The candidates. Digests are taken from cache while the file's size and
-    // times still hold, or else taken and added; cache then holds the
-    // candidates' alone. A file still being written is waited for, for a
+    // The candidates. A file's digest and package come from the cache while
+    // its size and times hold, or are taken again, and the cache then keeps
+    // the candidates' alone. A file still being written is waited for, for a
     // while, and then left out of the candidates.
-    Scan Read(std::vector<Digest> &cache);
+    Scan Read();
     // Whether a "*.deb" was written, renamed, made or removed since the last
     // Read began.
     bool Changed();
