@@ -23,7 +23,7 @@ cmake --build build-fuzz --parallel "$(nproc)" > /dev/null
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-for target in key_value small_fix tok_index trim_space; do
+for target in key_value small_fix state tok_index trim_space; do
     # New inputs go to a scratch directory; the seeds stay as committed.
     mkdir "$work/$target"
     set -- "$PWD/build-fuzz/fuzz/fuzz_$target" -runs="$runs" -max_total_time="$seconds" \

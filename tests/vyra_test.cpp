@@ -1,6 +1,7 @@
-// The core library and the package library call by call, then small_update
-// run whole on a machine of build 2668 (sandbox::Machine), each run compared
-// with its transcript (Transcript), written out as it must read.
+// The core library and the package library call by call, small_update run
+// whole on a machine of build 2668 (sandbox::Machine), then the service's
+// judgement and files, and the service run whole; each run compared with its
+// transcript (Transcript), written out as it must read.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -10,11 +11,12 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <regex>
 #include <sstream>
 
 #include "debian_lib.h"
 #include "sandbox.h"
-#include "smallupdate.h"
+#include "service.h"
 #include "vyracore.h"
 #include "gtest/gtest.h"
 
@@ -133,6 +135,7 @@ TEST(FileCloseLock, FreesEveryRow)
 }
 
 const char kUpdateLog[] = "/var/log/vyraupdate.log", kInstallerLog[] = "/var/log/dpkg_upgrade.log";
+const char kRecord[] = "/var/lib/small-update/last-run";
 const time_t tStart = time(nullptr);
 
 // The system log as text: standard error as "2> TEXT", a stand-in's start as
@@ -143,8 +146,10 @@ std::string Journal(const Lines &log)
     std::string str;
     for (std::string strMsg : log) {
         const auto posLine = strMsg.find(".cpp:"), posText = strMsg.find(' ', posLine);
+        // The variable that Strace sets for the sanitizers is none of the tool's.
         if (strMsg.rfind("<13>", 0) == 0)
-            strMsg.replace(0, 4, "$ ") += "\n";
+            strMsg =
+                "$ " + std::regex_replace(strMsg.substr(4), std::regex("ASAN_OPTIONS "), "") + "\n";
         else if (strMsg.rfind('<', 0) != 0)
             strMsg.insert(0, "2> ");
         else if (posLine != std::string::npos && posText != std::string::npos)
@@ -154,24 +159,26 @@ std::string Journal(const Lines &log)
     return str;
 }
 // A run as text from a line end on: "exit N" or "signal N" unless it exited 0;
-// what it printed; the system log; each log that exists after "--- PATH MODE",
-// a record stamped with local time (kEnv) since this program started as
-// "[stamp] TEXT", and dpkg's own output as it is, or left out where !blOutput.
-std::string Transcript(const sandbox::Result &res, bool blOutput = true)
+// what it printed; the system log; each of the files that exists after "--- PATH
+// MODE", a record stamped with local time (kEnv) since this program started as
+// "[stamp] TEXT", a SHA-256 as "[sha256]", and lines of other programs (dpkg's
+// output) as they are, or left out where !blOutput.
+std::string Transcript(const sandbox::Result &res, bool blOutput = true,
+                       const Lines &files = {kUpdateLog, kInstallerLog})
 {
     std::string str = "\n";
     if (res.status != 0)
         str += (WIFEXITED(res.status) ? "exit " : "signal ") + std::to_string(res.Code() % 1000) +
                "\n";
     str += res.out + Journal(res.log);
-    for (const char *szLog : {kUpdateLog, kInstallerLog}) {
-        const auto st = std::filesystem::status(szLog);
+    for (const std::string &strFile : files) {
+        const auto st = std::filesystem::status(strFile);
         if (!std::filesystem::exists(st))
             continue;
         char szMode[8] = "";
         snprintf(szMode, sizeof(szMode), " %04o", static_cast<unsigned>(st.permissions()));
-        str += std::string("--- ") + szLog + szMode + "\n";
-        std::istringstream in(sandbox::ReadFile(szLog));
+        str += "--- " + strFile + szMode + "\n";
+        std::istringstream in(sandbox::ReadFile(strFile));
         for (std::string strLine; std::getline(in, strLine);) {
             struct tm tm = {};
             const char *pchEnd = strptime(strLine.c_str(), "%Y/%m/%d %H:%M:%S", &tm);
@@ -180,7 +187,7 @@ std::string Transcript(const sandbox::Result &res, bool blOutput = true)
                 tStamp >= tStart - 1 && tStamp <= time(nullptr))
                 str += "[stamp] " + strLine.substr(20) + "\n";
             else if (blOutput)
-                str += strLine + "\n";
+                str += std::regex_replace(strLine, std::regex("[0-9a-f]{64}"), "[sha256]") + "\n";
         }
     }
     return str;
@@ -195,18 +202,20 @@ Lines operator+(Lines argv, const Lines &more)
     argv.insert(argv.end(), more.begin(), more.end());
     return argv;
 }
-// Runs the rest under strace, without LeakSanitizer, which cannot trace then.
+// Runs the rest under strace, and without LeakSanitizer, which cannot trace then.
 Lines Strace(const std::string &strWhat, const Lines &options = {})
 {
     return Lines{"/usr/bin/strace", "-qq", "-o", "/tmp/strace", "-e", strWhat} + options +
-           Lines{"--", "/usr/bin/env", "ASAN_OPTIONS=detect_leaks=0"};
+           (VYRA_SANITIZE ? Lines{"--", "/usr/bin/env", "ASAN_OPTIONS=detect_leaks=0"} : Lines{});
 }
 
 // A fresh machine that holds the files (a relative path lies in the update
-// directory, one that ends in "/" is a directory).
-void Prepare(Files files)
+// directory, one that ends in "/" is a directory). The modes of the logs that
+// runs create are those of umask 022.
+void Prepare(const Files &files, bool blRealDpkg = false)
 {
-    sandbox::Machine();
+    umask(022);
+    sandbox::Machine(blRealDpkg);
     for (const auto &[strName, strContent] : files) {
         const std::string strPath = (strName[0] == '/' ? "" : "/smallupd@te/") + strName;
         if (strPath.back() == '/')
@@ -220,8 +229,8 @@ void Prepare(Files files)
 int OpenAt(const char *szPath, int flags, int fd)
 {
     const int fdOpen = open(szPath, flags | O_CLOEXEC, 0644);
-    dup2(fdOpen, fd);
-    fcntl(fd, F_SETFD, 0);
+    if (fdOpen < 0 || dup2(fdOpen, fd) != fd || fcntl(fd, F_SETFD, 0) != 0)
+        throw std::runtime_error(std::string("cannot open ") + szPath);
     return fd;
 }
 // On standard error, once the programs that call started ended: the call, its
@@ -351,14 +360,35 @@ TEST(FindSmallFixNumfromDeb, ReadsTheSmallFixOfANameMadeForThisBuild)
         << "equal numbers are in no order";
 }
 
-TEST(SmallUpdate, ReportsEveryPackageOnEveryChannelAndEndsWithOneVerdict)
+// A fresh machine that holds the files, and a run of argv on it as text.
+std::string RunOn(const Files &files, const Lines &argv)
+{
+    Prepare(files);
+    return Transcript(sandbox::Run(argv, kEnv));
+}
+
+TEST(SmallUpdate, FindsNothingAndSaysNothing)
 {
     NEEDS_SANDBOX();
-    const Files kMixed = {{"%n%s_1-2668-s1_x.deb", ""},        {"%s_1-2669-s1_x.deb", ""},
-                          {"f_1-2668-sx_x.deb", ""},           {"flashupdate_1-2668-s3_x.deb", ""},
-                          {"g_1-2668-s2_x.deb/", ""},          {"smallupdate_1-2668-s5_x.deb", ""},
-                          {"smallupdates_1-2668-s4_x.deb", ""}};
-    const char kMixedRun[] = R"(
+    EXPECT_EQ(RunOn({{".a_1-2668-s1_x.deb", ""}, {"b.DEB", ""}}, kTool), "\nexit 255\n");
+}
+
+TEST(SmallUpdate, ReportsEveryRefusedNameOnEveryChannelAndInstallsTheRestInOrder)
+{
+    NEEDS_SANDBOX();
+    const Lines valgrind =
+        VYRA_VALGRIND ? Lines{"/usr/bin/valgrind.bin", "-q", "--error-exitcode=99",
+                              "--leak-check=full", "--errors-for-leak-kinds=definite,indirect"}
+                      : Lines{};
+    EXPECT_EQ(RunOn({{"%n%s_1-2668-s1_x.deb", ""},
+                     {"%s_1-2669-s1_x.deb", ""},
+                     {"f_1-2668-sx_x.deb", ""},
+                     {"flashupdate_1-2668-s3_x.deb", ""},
+                     {"g_1-2668-s2_x.deb/", ""},
+                     {"smallupdate_1-2668-s5_x.deb", ""},
+                     {"smallupdates_1-2668-s4_x.deb", ""}},
+                    valgrind + kTool),
+              R"(
 exit 255
 <11>debian_lib.cpp: different buildnumber of deb [%s_1-2669-s1_x.deb] with system buildnumber [2668]
 2> invalid debian name [%s_1-2669-s1_x.deb]
@@ -386,39 +416,30 @@ $ dpkg -i /smallupd@te/smallupdates_1-2668-s4_x.deb | PATH TZ | /tmp | 0</dev/nu
 [stamp]  ===========[-i /smallupd@te/%n%s_1-2668-s1_x.deb ]===========
 [stamp]  ===========[-i /smallupd@te/g_1-2668-s2_x.deb ]===========
 [stamp]  ===========[-i /smallupd@te/smallupdates_1-2668-s4_x.deb ]===========
-)";
-    const Lines kValgrind =
-        VYRA_VALGRIND ? Lines{"/usr/bin/valgrind.bin", "-q", "--error-exitcode=99",
-                              "--leak-check=full", "--errors-for-leak-kinds=definite,indirect"}
-                      : Lines{};
-    const Lines kNoStderrNoFork = Strace("inject=clone:error=EAGAIN:when=1") +
-                                  Lines{"/bin/sh", "-c", "exec 2>&-; unset PWD; exec \"$@\"", "sh"};
+)") << "under valgrind where it runs";
+}
 
-    // On a fresh machine that holds the files, a run of argv.
-    struct Scenario {
-        const char *szName;
-        Lines argv;
-        Files files;
-        const char *szTranscript;
-    } const rows[] = {
-        {"nothing found", kTool, {{".a_1-2668-s1_x.deb", ""}, {"b.DEB", ""}}, "\nexit 255\n"},
-        {"every kind of name, under valgrind where it runs", kValgrind + kTool, kMixed, kMixedRun},
-        {"standard error closed, no fork for dpkg, then a dpkg that fails and one killed",
-         kNoStderrNoFork + kTool,
-         {{"a_1-2668-s1_x.deb", ""},
-          {"b_1-2668-s2_x.deb", "standin dpkg: exit 1\n"},
-          {"c_1-2668-s3_x.deb", "standin dpkg: kill -KILL $$\n"}},
-         R"(
+TEST(SmallUpdate, ReportsAFailedForkAndAFailedDpkgWithStandardErrorClosed)
+{
+    NEEDS_SANDBOX();
+    const Lines noStderrNoFork = Strace("inject=clone:error=EAGAIN:when=1") +
+                                 Lines{"/bin/sh", "-c", "exec 2>&-; unset PWD; exec \"$@\"", "sh"};
+
+    EXPECT_EQ(RunOn({{"a_1-2668-s1_x.deb", ""},
+                     {"b_1-2668-s2_x.deb", "standin dpkg: exit 1\n"},
+                     {"c_1-2668-s3_x.deb", "standin dpkg: kill -KILL $$\n"}},
+                    noStderrNoFork + kTool),
+              R"(
 exit 255
 <11>debian_lib.cpp: Fail to fork (no newline)
 <11>small_update.cpp: Failed to install [/smallupd@te/a_1-2668-s1_x.deb]
 $ vyralogset1 sys err 0x11B01031 /smallupd@te/a_1-2668-s1_x.deb | PATH | / | 0-2<>/dev/null | leader
 $ vyradeknotify @administrators update:small_update_install_failed /smallupd@te/a_1-2668-s1_x.deb | PATH | / | 0-2<>/dev/null | leader
-$ dpkg -i /smallupd@te/b_1-2668-s2_x.deb | ASAN_OPTIONS PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log | not leader
+$ dpkg -i /smallupd@te/b_1-2668-s2_x.deb | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log | not leader
 <11>small_update.cpp: Failed to install [/smallupd@te/b_1-2668-s2_x.deb]
 $ vyralogset1 sys err 0x11B01031 /smallupd@te/b_1-2668-s2_x.deb | PATH | / | 0-2<>/dev/null | leader
 $ vyradeknotify @administrators update:small_update_install_failed /smallupd@te/b_1-2668-s2_x.deb | PATH | / | 0-2<>/dev/null | leader
-$ dpkg -i /smallupd@te/c_1-2668-s3_x.deb | ASAN_OPTIONS PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log | not leader
+$ dpkg -i /smallupd@te/c_1-2668-s3_x.deb | PATH TZ | /tmp | 0</dev/null 1-2<>/var/log/dpkg_upgrade.log | not leader
 --- /var/log/vyraupdate.log 0644
 [stamp] Failed to update critical update
 --- /var/log/dpkg_upgrade.log 0644
@@ -428,12 +449,7 @@ stand-in dpkg: exit 1
 [stamp] Failed to install -i/smallupd@te/b_1-2668-s2_x.deb
 [stamp]  ===========[-i /smallupd@te/c_1-2668-s3_x.deb ]===========
 stand-in dpkg: kill -KILL $$
-)"},
-    };
-    for (const Scenario &row : rows) {
-        Prepare(row.files);
-        EXPECT_EQ(Transcript(sandbox::Run(row.argv, kEnv)), row.szTranscript) << row.szName;
-    }
+)") << "no fork for dpkg, then a dpkg that fails and one killed";
 }
 
 // Traced, every record the tool appends to a log is synced before its next
@@ -479,7 +495,7 @@ TEST(SmallUpdate, InstallsRealPackagesAndCompletesARunThatThePowerCut)
     const std::string kCut =
         "[ -e /tmp/cut ] || { exec > /dev/null 2>&1; : > /tmp/cut; xfs_io -x -c shutdown /var/log; "
         "read -r _ _ _ tool _ < /proc/$PPID/stat; kill -KILL $tool $PPID; }\n";
-    sandbox::Machine(true);
+    Prepare({}, true);
     const sandbox::Package packages[] = {{"vyra-y", "", kTrace},
                                          {"vyra-d", "vyra-x", kTrace},
                                          {"vyra-x", "", kTrace},
@@ -521,6 +537,291 @@ $ vyradeknotify @administrators update:small_update_install_failed /smallupd@te/
         << "the maintainer scripts that ran, in order";
 }
 
-[[maybe_unused]] const mode_t kUmask = umask(022);  // the modes of the logs that runs create
+using Service::Candidate;
+using Service::Outcome;
+using Service::Record;
+
+const Candidate kA = {"/smallupd@te/a_1-2668-s1_all.deb", 'f', "a1", "vyra-a:all"};
+const Candidate kB = {"/smallupd@te/b\nc_1-2668-s2_all.deb", 'f', "b2", "vyra-b:powerpc"};
+const char kGaveUpOnB[] = "<3>gave up on /smallupd@te/b\\012c_1-2668-s2_all.deb after 3 attempts; "
+                          "once they are mended, systemctl start small-update.service, or replace "
+                          "or remove them";
+
+std::optional<Record> Rec(int nAttempt, Outcome outcome, bool blTold = false,
+                          const Lines &failed = {})
+{
+    return Record{nAttempt, outcome, blTold, "2668", {}, failed};
+}
+
+// What the judgement answers: the journal's line, its exit code, whom it
+// tells, and whether it clears the units' failed state.
+TEST(Judge, AnswersFromWhatWasRead)
+{
+    struct Row {
+        const char *szName;
+        std::optional<Record> record;
+        const char *szLine;
+        int nExit = 1;
+        Lines tell = {};
+        bool blReset = false;
+        bool blSame = true;  // the record's candidates are kA and kB
+        const char *szBuild = "2668";
+        std::vector<Candidate> candidates = {kA, kB};
+        Service::Audit audit = {};
+        pid_t pidDpkgLock = 0;
+        Lines writing = {};
+        bool blAsked = false;
+    } const rows[] = {
+        {"no record", std::nullopt, "<5>a run is owed: changed", 0},
+        {"a fix replaced",
+         Rec(1, Outcome::Clean),
+         "<5>a run is owed: changed",
+         0,
+         {},
+         false,
+         false},
+        {"another build",
+         Rec(1, Outcome::Clean),
+         "<5>a run is owed: changed",
+         0,
+         {},
+         false,
+         true,
+         "2669"},
+        {"clean", Rec(1, Outcome::Clean), "<7>nothing to do: a clean run of these candidates"},
+        {.szName = "clean, a package no candidate holds half done",
+         .record = Rec(1, Outcome::Clean),
+         .szLine = "<7>nothing to do: a clean run of these candidates",
+         .audit = {false, {"vyra-z", "vyra-a-doc"}}},
+        {.szName = "clean, a candidate's package half done",
+         .record = Rec(1, Outcome::Clean),
+         .szLine = "<5>a run is owed: half done",
+         .nExit = 0,
+         .audit = {false, {"vyra-b"}}},
+        {.szName = "clean, the audit failed",
+         .record = Rec(1, Outcome::Clean),
+         .szLine = "<5>a run is owed: half done",
+         .nExit = 0,
+         .audit = {true, {}}},
+        {"cut short", Rec(1, Outcome::Cut), "<5>a run is owed: cut short, attempt 1 of 3", 0},
+        {"failed twice", Rec(2, Outcome::Failed), "<5>a run is owed: failed, attempt 2 of 3", 0},
+        {"failed a third time",
+         Rec(3, Outcome::Failed, false, {kB.strPath}),
+         kGaveUpOnB,
+         255,
+         {kB.strPath}},
+        {"told of it", Rec(3, Outcome::Failed, true, {kB.strPath}), kGaveUpOnB, 255},
+        {.szName = "cut a third time, its package half done",
+         .record = Rec(3, Outcome::Cut),
+         .szLine = kGaveUpOnB,
+         .nExit = 255,
+         .tell = {kB.strPath},
+         .audit = {false, {"vyra-b"}}},
+        {"cut a third time, nothing failed", Rec(3, Outcome::Cut, true),
+         "<3>gave up on /smallupd@te/a_1-2668-s1_all.deb /smallupd@te/b\\012c_1-2668-s2_all.deb "
+         "after 3 attempts; once they are mended, systemctl start small-update.service, or "
+         "replace or remove them",
+         255},
+        {.szName = "owed while dpkg's lock is held",
+         .record = Rec(1, Outcome::Cut),
+         .szLine = "<6>a run is owed: cut short, attempt 1 of 3; nothing started while process "
+                   "42 holds dpkg's lock",
+         .pidDpkgLock = 42},
+        {.szName = "given up while dpkg's lock is held",
+         .record = Rec(3, Outcome::Failed, true, {kB.strPath}),
+         .szLine = kGaveUpOnB,
+         .nExit = 255,
+         .pidDpkgLock = 42},
+        {.szName = "asked for after giving up",
+         .record = Rec(3, Outcome::Failed, true),
+         .szLine = "<5>a run is owed: asked for",
+         .nExit = 0,
+         .blAsked = true},
+        {.szName = "a file still being written",
+         .record = std::nullopt,
+         .szLine = "<6>nothing started: still being written: /smallupd@te/c\\040d.deb",
+         .writing = {"/smallupd@te/c d.deb"},
+         .blAsked = true},
+        {.szName = "no candidate after a clean run",
+         .record = Rec(1, Outcome::Clean),
+         .szLine = "<7>nothing to do: no candidate",
+         .candidates = {}},
+        {.szName = "no candidate after giving up",
+         .record = Rec(3, Outcome::Cut, true),
+         .szLine = "<7>nothing to do: no candidate",
+         .blReset = true,
+         .candidates = {}},
+    };
+    for (const Row &row : rows) {
+        const Service::Seen seen = {row.record,  row.szBuild, row.candidates,  row.blSame,
+                                    row.writing, row.audit,   row.pidDpkgLock, row.blAsked};
+        const Service::Answer answer = Service::Judge(seen);
+        EXPECT_EQ(answer.strLine, row.szLine) << row.szName;
+        EXPECT_EQ(Service::ExitCode(answer.verdict), row.nExit) << row.szName;
+        EXPECT_EQ(answer.tell, row.tell) << row.szName;
+        EXPECT_EQ(answer.blResetFailed, row.blReset) << row.szName;
+    }
+}
+
+TEST(JudgeAttempt, CountsWhatWasNotClean)
+{
+    const char *const kOutcomes[] = {"cut", "failed", "clean"};
+    // JudgeAttempt(status, blSynced, blFailed, blHalfDone, pidDpkgLock).
+    struct Row {
+        const char *szName;
+        int status;
+        bool blSynced, blFailed, blHalfDone;
+        pid_t pidDpkgLock;
+        const char *szOutcome;
+    } const rows[] = {
+        {"a refusal alone", 255 << 8, true, false, false, 0, "clean"},
+        {"the tool killed", SIGKILL, true, false, false, 0, "failed"},
+        {"an exit of its own", 1 << 8, true, false, false, 0, "failed"},
+        {"a file system not synced", 0, false, false, false, 0, "failed"},
+        {"an installation failed", 0, true, true, false, 0, "failed"},
+        {"a package left half done", 0, true, false, true, 0, "failed"},
+        {"failed while dpkg's lock is held", 255 << 8, true, true, true, 42, "not counted"},
+        {"killed while dpkg's lock is held", SIGKILL, true, true, false, 42, "failed"},
+    };
+    for (const Row &row : rows) {
+        const std::optional<Outcome> outcome = Service::JudgeAttempt(
+            row.status, row.blSynced, row.blFailed, row.blHalfDone, row.pidDpkgLock);
+        EXPECT_STREQ(outcome ? kOutcomes[static_cast<int>(*outcome)] : "not counted", row.szOutcome)
+            << row.szName;
+    }
+}
+
+TEST(Service, ReadsWhatDpkgAndTheToolPrinted)
+{
+    const Service::Audit audit = Service::ParseAudit(
+        0, R"(The following packages are only half configured, probably due to problems
+configuring them the first time.  The configuration should be retried using
+dpkg --configure <package> or the configure menu option in dselect:
+ vyra-a               a
+ vyra-b:powerpc       b
+
+)");
+    EXPECT_FALSE(audit.blAll);
+    EXPECT_EQ(audit.packages, (Lines{"vyra-a", "vyra-b"}));
+    EXPECT_TRUE(Service::ParseAudit(1 << 8, "").blAll) << "dpkg failed";
+    EXPECT_TRUE(Service::ParseAudit(0, "half configured: vyra-a\n").blAll) << "no package named";
+    EXPECT_EQ(Service::FailedInstalls("Unexpected Debian [/smallupd@te/a_1-2668-s1_all.deb], skip "
+                                      "install.\nFailed to install [" +
+                                          kB.strPath + "]\n... Failed to install [" + kA.strPath +
+                                          "]\n",
+                                      {kA, kB}),
+              Lines{kB.strPath})
+        << "a line of its own, the path with a newline";
+}
+
+// Each kind of write, read back: the run's before the tool and after it, the
+// judgement's once it told, and once it cleared the failed units.
+TEST(ServiceState, ReadsBackWhatItWrote)
+{
+    const std::vector<Candidate> candidates = {
+        kA, kB, {"/smallupd@te/d.deb", 'd'}, {"/smallupd@te/\\ %\x7f.deb", 'o'}};
+    const Record records[] = {{2, Outcome::Cut, false, "2668", candidates, {}},
+                              {2, Outcome::Failed, false, "2668", candidates, {kB.strPath}},
+                              {3, Outcome::Failed, true, "2668", candidates, {kB.strPath}},
+                              {1, Outcome::Clean, false, "", {}, {}}};
+    for (const Record &record : records) {
+        const std::string strText = Service::FormatRecord(record);
+        const std::optional<Record> read = Service::ParseRecord(strText);
+        EXPECT_EQ(read ? Service::FormatRecord(*read) : "none", strText);
+        bool blSame = false;
+        EXPECT_TRUE(Service::ReadRecord(MemFile(strText).c_str(), candidates, blSame)) << strText;
+        EXPECT_EQ(blSame, record.candidates == candidates) << strText;
+        for (size_t cb = 0; cb < strText.size(); ++cb)
+            EXPECT_FALSE(Service::ParseRecord(strText.substr(0, cb))) << "torn at " << cb << ":\n"
+                                                                      << strText;
+    }
+    EXPECT_EQ(Service::FormatRecord(records[2]), R"(small-update last-run 2
+attempt 3 failed told
+build 2668
+candidate f a1 vyra-a:all /smallupd@te/a_1-2668-s1_all.deb
+candidate f b2 vyra-b:powerpc /smallupd@te/b\012c_1-2668-s2_all.deb
+candidate d - - /smallupd@te/d.deb
+candidate o - - /smallupd@te/\134\040%\177.deb
+failed /smallupd@te/b\012c_1-2668-s2_all.deb
+end
+)") << "as it is on the disk";
+    for (const char *szText : {"small-update last-run 2\nattempt 0 cut -\nbuild 2668\nend\n",
+                               "small-update last-run 2\nattempt 1 cut -\nbuild 2668\nfailed "
+                               "/x.deb\ncandidate d - - /y.deb\nend\n",
+                               "1 cut\nbuild buildnumber=\"2668\"\nf 1a vyra-x:all /x.deb\n"})
+        EXPECT_FALSE(Service::ParseRecord(szText)) << szText;
+
+    // Thousands, through pieces of the file: only whole entries, in order.
+    std::vector<Candidate> many;
+    std::vector<Service::Stamp> stamps;
+    for (int64_t n = 0; n < 3000; ++n) {
+        many.push_back({"/smallupd@te/\n" + std::to_string(n) + ".deb", 'f', "d", "p:all"});
+        stamps.push_back({n, n + 1, n + 2, n + 3});
+    }
+    many[7].strPackage = "-";
+    const std::string strDigests = Service::FormatDigests(many, stamps);
+    Service::DigestFile digests(MemFile(strDigests).c_str());
+    Service::Digest digest;
+    for (size_t idx = 0; idx < many.size(); ++idx) {
+        if (idx == 7)
+            continue;
+        ASSERT_TRUE(digests.Next(digest)) << idx;
+        EXPECT_EQ(digest.candidate, many[idx]) << idx;
+        EXPECT_EQ(digest.stamp.nsTaken, stamps[idx].nsTaken) << idx;
+    }
+    EXPECT_FALSE(digests.Next(digest)) << "past the end";
+    EXPECT_EQ(strDigests.substr(0, strDigests.find("\ndigest 1 ") + 1), R"(small-update digests 2
+digest 0 1 2 3 d p:all /smallupd@te/\0120.deb
+)") << "as it is on the disk";
+}
+
+// Run whole on a machine of build 2668 with the real dpkg and the built tool:
+// a run, which records its attempt, and then the judgement.
+TEST(Service, RunsTheToolRecordsTheAttemptAndJudgesWhatItLeft)
+{
+    NEEDS_SANDBOX();
+    Prepare({{"junk.deb", ""}}, true);
+    std::string strTool = "#!/bin/sh\nexec";
+    for (const std::string &str : Lines{VYRA_TOOL_COMMAND})
+        strTool += " " + str;
+    sandbox::WriteFile("/usr/sbin/small_update", strTool + "\n", 0755);
+    sandbox::InstallStandin("/bin/systemctl");
+    ASSERT_TRUE(sandbox::BuildDeb({"vyra-a"}, kA.strPath));
+    ASSERT_TRUE(sandbox::BuildDeb({"vyra-b"}, kB.strPath));
+    // Renamed in, as a sender does: not still being written.
+    for (const auto &entry : std::filesystem::directory_iterator("/smallupd@te"))
+        std::filesystem::last_write_time(entry, std::filesystem::file_time_type::clock::now() -
+                                                    std::chrono::hours(1));
+    const Lines kValgrind =
+        VYRA_VALGRIND ? Lines{"/usr/bin/valgrind.bin", "-q", "--error-exitcode=99",
+                              "--leak-check=full", "--errors-for-leak-kinds=definite,indirect"}
+                      : Lines{};
+    EXPECT_EQ(Transcript(sandbox::Run(kValgrind + Lines{VYRA_SERVICE_COMMAND, "run"}, kEnv), true,
+                         {kUpdateLog, kRecord}),
+              R"(
+<11>small_update.cpp: invalid debian name [junk.deb]
+<11>small_update.cpp: Unexpected Debian [/smallupd@te/junk.deb], skip install.
+$ vyralogset1 sys err 0x11B01030 /smallupd@te/junk.deb | PATH | / | 0-2<>/dev/null | leader
+$ vyradeknotify @administrators update:small_update_check_failed /smallupd@te/junk.deb | PATH | / | 0-2<>/dev/null | leader
+2> invalid debian name [junk.deb]
+Unexpected Debian [/smallupd@te/junk.deb], skip install.
+<6>attempt 1: clean
+$ systemctl reset-failed small-update-boot.service small-update-check.service small-update.service | PATH | / | 0-2<>/dev/null | leader
+--- /var/log/vyraupdate.log 0644
+[stamp] Failed to update critical update
+--- /var/lib/small-update/last-run 0644
+small-update last-run 2
+attempt 1 clean -
+build 2668
+candidate f [sha256] vyra-a:all /smallupd@te/a_1-2668-s1_all.deb
+candidate f [sha256] vyra-b:all /smallupd@te/b\012c_1-2668-s2_all.deb
+candidate f [sha256] - /smallupd@te/junk.deb
+end
+)") << "a run, under valgrind where it runs: the refusal alone leaves it clean";
+    EXPECT_EQ(Transcript(sandbox::Run({VYRA_SERVICE_COMMAND, "pending"}, kEnv), true, {}), R"(
+exit 1
+<7>nothing to do: a clean run of these candidates
+)");
+}
 
 }  // namespace
