@@ -26,17 +26,18 @@ bool BlEscaped(unsigned char ch)
     return ch <= ' ' || ch == 0x7f || ch == '\\';
 }
 
+// A run of bytes is copied whole up to the next "\": most fields have none.
 bool UnescapeInto(std::string_view str, std::string &strOut)
 {
     strOut.clear();
-    for (size_t idx = 0; idx < str.size(); ++idx) {
-        const auto uch = static_cast<unsigned char>(str[idx]);
-        if (uch != '\\') {
-            if (BlEscaped(uch))
-                return false;
-            strOut += str[idx];
-            continue;
-        }
+    for (size_t idx = 0; idx < str.size(); idx += 4) {
+        const size_t idxEscape = std::min(str.find('\\', idx), str.size());
+        if (std::any_of(str.begin() + idx, str.begin() + idxEscape,
+                        [](char ch) { return BlEscaped(static_cast<unsigned char>(ch)); }))
+            return false;
+        strOut.append(str, idx, idxEscape - idx);
+        if ((idx = idxEscape) == str.size())
+            break;
         unsigned nByte = 0;
         for (size_t nDigit = 1; nDigit <= 3; ++nDigit) {
             if (idx + nDigit >= str.size() || str[idx + nDigit] < '0' || str[idx + nDigit] > '7')
@@ -46,7 +47,6 @@ bool UnescapeInto(std::string_view str, std::string &strOut)
         if (nByte > 0xff)
             return false;
         strOut += static_cast<char>(nByte);
-        idx += 3;
     }
     return true;
 }
