@@ -210,6 +210,8 @@ int Run()
                 nExit = Attempt(seen);
                 if (nExit < 0)
                     return 1;
+                if (gblStop)
+                    break;
                 blAttempted = true;
                 continue;
             }

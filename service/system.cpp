@@ -126,7 +126,7 @@ std::pair<int, std::string> RunTool()
     if (fdErr >= 0)
         (void)close(fdErr);
     const int status = pid > 0 ? Reap(pid) : -1;
-    std::string strStderr = ReadWhole(szStderr);
+    std::string strStderr = fdErr >= 0 ? ReadWhole(szStderr) : "";
     (void)fwrite(strStderr.data(), 1, strStderr.size(), stderr);
     return {status, std::move(strStderr)};
 }
