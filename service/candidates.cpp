@@ -17,8 +17,6 @@
 namespace Service {
 namespace {
 
-const char SZ_UPDATE_DIR[] = "/smallupd@te";
-const char SZ_DIGESTS[] = "/var/lib/small-update/digests";
 const int64_t NS_SECOND = 1000000000;
 // A file written within this long is still being written: a person copying
 // a fix in pieces pauses between them, and the close of each starts a check.
@@ -34,11 +32,22 @@ int64_t Ns(const struct timespec &ts)
     return static_cast<int64_t>(ts.tv_sec) * NS_SECOND + ts.tv_nsec;
 }
 
-int64_t Now()
+// The wall clock, which file times are of; the monotonic one for how long a
+// wait may last, as the wall clock may step meanwhile.
+int64_t Now(clockid_t idClock = CLOCK_REALTIME)
 {
     struct timespec ts = {};
-    (void)clock_gettime(CLOCK_REALTIME, &ts);
+    (void)clock_gettime(idClock, &ts);
     return Ns(ts);
+}
+
+// Why glob gave up on the directory.
+int gnGlobErrno = 0;
+
+int KeepGlobErrno(const char * /* szPath */, int nErrno)
+{
+    gnGlobErrno = nErrno;
+    return 1;
 }
 
 bool BlSame(const struct stat &a, const struct stat &b)
@@ -47,15 +56,18 @@ bool BlSame(const struct stat &a, const struct stat &b)
            Ns(a.st_mtim) == Ns(b.st_mtim) && Ns(a.st_ctim) == Ns(b.st_ctim);
 }
 
-enum class Taking { Taken, Writing, Failed };
+// What a name of the directory is now: a candidate whose digest and package
+// came from the cache, were taken, or are none of the cache's (a directory,
+// a file they could not be taken of); a file still being written; or gone.
+enum class Found { Cached, Taken, Uncached, Writing, Gone };
 
 // The digest and package of the regular file as stat saw it, read through
 // one descriptor, so that both are of the same file.
-Taking Take(const std::string &strPath, const struct stat &st, Candidate &candidate)
+Found Take(const std::string &strPath, const struct stat &st, Candidate &candidate)
 {
     const int fd = open(strPath.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0)
-        return Taking::Failed;
+        return Found::Uncached;
     struct stat stNow = {};
     bool blWriting = fstat(fd, &stNow) != 0 || !BlSame(st, stNow);
     // A read lease is refused while anybody holds the file open for writing:
@@ -78,9 +90,42 @@ Taking Take(const std::string &strPath, const struct stat &st, Candidate &candid
     blWriting = blWriting || fstat(fd, &stNow) != 0 || !BlSame(st, stNow);
     (void)close(fd);
     if (blWriting)
-        return Taking::Writing;
-    return candidate.strDigest != "-" && candidate.strPackage != "-" ? Taking::Taken
-                                                                     : Taking::Failed;
+        return Found::Writing;
+    return candidate.strDigest != "-" && candidate.strPackage != "-" ? Found::Taken
+                                                                     : Found::Uncached;
+}
+
+// One name of the directory now. A regular file's digest and package come
+// from pCached while its stamp holds, or are taken; a file still being
+// written is none yet, and nsWait is cut to when it may be still.
+Found Examine(const std::string &strPath, Digest *pCached, Digest &digest, int64_t &nsWait)
+{
+    struct stat st = {};
+    digest = {{strPath}, {}};
+    const bool blStat = stat(strPath.c_str(), &st) == 0;
+    if (!blStat || !S_ISREG(st.st_mode)) {
+        digest.candidate.chType = blStat && S_ISDIR(st.st_mode) ? 'd' : 'o';
+        // Gone since the glob: no candidate; a link to nothing: one.
+        return blStat || lstat(strPath.c_str(), &st) == 0 ? Found::Uncached : Found::Gone;
+    }
+    const int64_t nsNow = Now(), nsModified = Ns(st.st_mtim);
+    digest.stamp = {st.st_size, nsModified, Ns(st.st_ctim), nsNow};
+    if (nsModified > nsNow - NS_STILL && nsModified < nsNow + NS_STILL) {
+        nsWait = std::min(nsWait, nsModified + NS_STILL - nsNow);
+        return Found::Writing;
+    }
+    if (pCached != nullptr && pCached->stamp.cb == digest.stamp.cb &&
+        pCached->stamp.nsModified == nsModified &&
+        pCached->stamp.nsChanged == digest.stamp.nsChanged &&
+        pCached->stamp.nsTaken >= pCached->stamp.nsChanged + NS_TRUSTED) {
+        digest = std::move(*pCached);
+        return Found::Cached;
+    }
+    const Found found = Take(strPath, st, digest.candidate);
+    // Held open by its writer: its close wakes the wait, or the next look.
+    if (found == Found::Writing)
+        nsWait = std::min(nsWait, NS_SECOND);
+    return found;
 }
 
 }  // namespace
@@ -102,14 +147,18 @@ UpdateDirectory::~UpdateDirectory()
 
 UpdateDirectory::Scan UpdateDirectory::Read()
 {
-    const int64_t nsEnd = Now() + NS_WAIT;
+    const int64_t nsEnd = Now(CLOCK_MONOTONIC) + NS_WAIT;
     for (;;) {
         (void)Drain();  // what happened so far, this reading sees
         Scan scan;
         std::vector<Stamp> stamps;
-        int64_t nsWake = nsEnd;
+        int64_t nsWait = nsEnd - Now(CLOCK_MONOTONIC);
         glob_t globbuf = {};
-        (void)glob("/smallupd@te/*.deb", GLOB_ERR | GLOB_NOSORT, nullptr, &globbuf);
+        // As the tool's: a directory that is not there holds no candidate.
+        gnGlobErrno = 0;
+        scan.blRead = glob((std::string(SZ_UPDATE_DIR) + "/*.deb").c_str(), GLOB_ERR | GLOB_NOSORT,
+                           KeepGlobErrno, &globbuf) != GLOB_ABORTED ||
+                      gnGlobErrno == ENOENT;
         std::sort(globbuf.gl_pathv, globbuf.gl_pathv + globbuf.gl_pathc,
                   [](const char *a, const char *b) { return strcmp(a, b) < 0; });
         // The cache is in the same order: one pass over both.
@@ -120,54 +169,28 @@ UpdateDirectory::Scan UpdateDirectory::Read()
             const std::string strPath = globbuf.gl_pathv[idx];
             for (; blCached && cached.candidate.strPath < strPath; blCached = cache.Next(cached))
                 blChanged = true;
-            Digest entry;
+            Digest entry, digest;
             const bool blEntry = blCached && cached.candidate.strPath == strPath;
             if (blEntry) {
                 entry = std::move(cached);
                 blCached = cache.Next(cached);
             }
-            struct stat st = {};
-            const bool blStat = stat(strPath.c_str(), &st) == 0;
-            if (!blStat || !S_ISREG(st.st_mode)) {
-                // Gone since the glob: no candidate; a link to nothing: one.
-                if (blStat || lstat(strPath.c_str(), &st) == 0) {
-                    scan.candidates.push_back({strPath, blStat && S_ISDIR(st.st_mode) ? 'd' : 'o'});
-                    stamps.emplace_back();
-                }
-                blChanged = blChanged || blEntry;
-                continue;
-            }
-            const int64_t nsNow = Now(), nsModified = Ns(st.st_mtim);
-            Digest digest = {{strPath}, {st.st_size, nsModified, Ns(st.st_ctim), nsNow}};
-            Taking taking = Taking::Taken;
-            if (nsModified > nsNow - NS_STILL && nsModified < nsNow + NS_STILL) {
-                nsWake = std::min(nsWake, nsModified + NS_STILL);
-                taking = Taking::Writing;
-            } else if (blEntry && entry.stamp.cb == digest.stamp.cb &&
-                       entry.stamp.nsModified == nsModified &&
-                       entry.stamp.nsChanged == digest.stamp.nsChanged &&
-                       entry.stamp.nsTaken >= entry.stamp.nsChanged + NS_TRUSTED) {
-                digest = std::move(entry);
-            } else {
-                taking = Take(strPath, st, digest.candidate);
-                blChanged = true;
-            }
-            if (taking == Taking::Writing) {
-                nsWake = std::min(nsWake, nsNow + NS_SECOND);
+            const Found found = Examine(strPath, blEntry ? &entry : nullptr, digest, nsWait);
+            blChanged = blChanged || found == Found::Taken || (blEntry && found != Found::Cached);
+            if (found == Found::Writing) {
                 scan.writing.push_back(strPath);
-                blChanged = blChanged || blEntry;
-                continue;
+            } else if (found != Found::Gone) {
+                scan.candidates.push_back(std::move(digest.candidate));
+                stamps.push_back(digest.stamp);
             }
-            scan.candidates.push_back(std::move(digest.candidate));
-            stamps.push_back(digest.stamp);
         }
         globfree(&globbuf);
         // A cache that cannot be written only costs the digests again.
         if (blChanged || blCached)
             (void)WriteDurably(SZ_DIGESTS, FormatDigests(scan.candidates, stamps));
-        if (scan.writing.empty() || Now() >= nsEnd || gblStop)
+        if (scan.writing.empty() || Now(CLOCK_MONOTONIC) >= nsEnd || gblStop || !scan.blRead)
             return scan;
-        Wait(nsWake);
+        Wait(nsWait);
     }
 }
 
@@ -191,15 +214,15 @@ bool UpdateDirectory::Drain()
     return blChanged;
 }
 
-// Until then, an event in the directory, or SIGTERM, which is let in only
-// while it waits so that it cannot slip in between the test and the wait.
-void UpdateDirectory::Wait(int64_t nsUntil)
+// So long, or until an event in the directory, or SIGTERM, which is let in
+// only while it waits so that it cannot slip in between the test and the wait.
+void UpdateDirectory::Wait(int64_t nsWait)
 {
     sigset_t term, old;
     (void)sigemptyset(&term);
     (void)sigaddset(&term, SIGTERM);
     (void)sigprocmask(SIG_BLOCK, &term, &old);
-    const int64_t nsLeft = std::max<int64_t>(nsUntil - Now(), 0);
+    const int64_t nsLeft = std::max<int64_t>(nsWait, 0);
     const struct timespec ts = {static_cast<time_t>(nsLeft / NS_SECOND),
                                 static_cast<long>(nsLeft % NS_SECOND)};
     struct pollfd pfd = {m_fd, POLLIN, 0};

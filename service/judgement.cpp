@@ -109,7 +109,7 @@ Answer Judge(const Seen &seen)
     if (seen.candidates.empty())
         return {Verdict::Nothing, "<7>nothing to do: no candidate", {}, MayBeFailed(record)};
 
-    const bool blSame = record && record->strBuild == seen.strBuild && seen.blSameCandidates;
+    const bool blSame = SameAsRecord(seen);
     std::string strWhy;
     if (seen.blAsked) {
         strWhy = "asked for";
@@ -145,9 +145,15 @@ Answer Judge(const Seen &seen)
     return {Verdict::Owed, "<5>a run is owed: " + strWhy, {}, false};
 }
 
+bool SameAsRecord(const Seen &seen)
+{
+    return seen.record && seen.record->strBuild == seen.strBuild && seen.blSameCandidates;
+}
+
+// A give-up, whose judging unit failed, is never recorded clean.
 bool MayBeFailed(const std::optional<Record> &record)
 {
-    return !record || record->outcome != Outcome::Clean || record->blTold;
+    return !record || record->outcome != Outcome::Clean;
 }
 
 int ExitCode(Verdict verdict)

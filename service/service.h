@@ -67,7 +67,6 @@ std::optional<Record> ReadRecord(const char *szPath, const std::vector<Candidate
 // The file candidates with a digest and a package, each with its stamp.
 std::string FormatDigests(const std::vector<Candidate> &candidates,
                           const std::vector<Stamp> &stamps);
-std::optional<std::vector<Digest>> ParseDigests(std::string_view strText);
 
 class StateLines;
 // The digests in szPath an entry at a time, as they were written, so that
@@ -119,6 +118,8 @@ struct Answer {
     bool blResetFailed = false;     // a unit of the package may be failed
 };
 Answer Judge(const Seen &seen);
+// Whether the candidates and the build are those of the record.
+bool SameAsRecord(const Seen &seen);
 // Whether a unit of the package may have been left failed.
 bool MayBeFailed(const std::optional<Record> &record);
 int ExitCode(Verdict verdict);  // of the judgement, for ExecCondition=

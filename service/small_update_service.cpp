@@ -26,11 +26,6 @@ namespace {
 
 using namespace Service;
 
-const char SZ_STATE_DIR[] = "/var/lib/small-update";
-const char SZ_RECORD[] = "/var/lib/small-update/last-run";
-const char SZ_TURN[] = "/var/lib/small-update/lock";
-const char SZ_AGAIN[] = "/var/lib/small-update/again";
-
 // The answer never depends on whether the journal took the line.
 void Say(const std::string &strLine)
 {
@@ -60,6 +55,10 @@ class Turn {
     Turn(const Turn &) = delete;
     Turn &operator=(const Turn &) = delete;
 
+    bool Usable() const
+    {
+        return m_fd >= 0;
+    }
     bool Take(bool blWait)
     {
         while (m_fd < 0 || flock(m_fd, LOCK_EX | (blWait ? 0 : LOCK_NB)) != 0) {
@@ -93,10 +92,15 @@ class Turn {
     int m_fd;
 };
 
-// Everything a judgement goes by, read now.
-Seen Look(UpdateDirectory &directory, bool blAsked)
+// Everything a judgement goes by, read now; none when the update directory
+// cannot be read, which says nothing of its candidates.
+std::optional<Seen> Look(UpdateDirectory &directory, bool blAsked)
 {
     UpdateDirectory::Scan scan = directory.Read();
+    if (!scan.blRead) {
+        Say(std::string("<3>cannot read ") + SZ_UPDATE_DIR);
+        return std::nullopt;
+    }
     Seen seen;
     seen.candidates = std::move(scan.candidates);
     seen.writing = std::move(scan.writing);
@@ -137,36 +141,44 @@ int Attempt(const Seen &seen)
     Record record;
     record.strBuild = seen.strBuild;
     record.candidates = seen.candidates;
-    const bool blSame =
-        seen.record && seen.record->strBuild == seen.strBuild && seen.blSameCandidates;
+    const bool blSame = SameAsRecord(seen);
     record.nAttempt =
         blSame && seen.record->outcome != Outcome::Clean ? seen.record->nAttempt + 1 : 1;
     record.blTold = blSame && seen.record->blTold;
     // Counted before it starts: a fix that takes the machine down is not
     // tried for ever. What it replaces is put back if it does not count.
     const std::string strBefore = seen.record ? ReadWhole(SZ_RECORD) : "";
+    const auto PutBack = [&strBefore]() {
+        if (!strBefore.empty())
+            Put(SZ_RECORD, strBefore);
+        else if (unlink(SZ_RECORD) != 0 && errno != ENOENT)
+            Say(std::string("<3>cannot write ") + SZ_RECORD);
+    };
     if (!WriteDurably(SZ_RECORD, FormatRecord(record))) {
         Say(std::string("<3>cannot write ") + SZ_RECORD);
         return -1;
+    }
+    // A stop meanwhile starts no install that the shutdown would cut.
+    if (gblStop) {
+        PutBack();
+        return 0;
     }
     const auto [status, strStderr] = RunTool();
     const bool blSynced = SyncLocalFileSystems();
     if (!blSynced)
         Say("<4>cannot sync every file system");
-    record.failed = FailedInstalls(strStderr, record.candidates);
+    // Without its reports, whether an installation failed is unknown.
+    record.failed = FailedInstalls(strStderr.value_or(""), record.candidates);
     const Audit audit = RunAudit(record.candidates);
     const pid_t pidDpkgLock = DpkgLockHolder();
     const std::optional<Outcome> outcome = JudgeAttempt(
-        status, blSynced, !record.failed.empty(),
+        status, blSynced, !strStderr || !record.failed.empty(),
         std::any_of(record.candidates.begin(), record.candidates.end(),
                     [&audit](const Candidate &candidate) { return HalfDone(audit, candidate); }),
         pidDpkgLock);
     const std::string strAttempt = "<6>attempt " + std::to_string(record.nAttempt) + ": ";
     if (!outcome) {
-        if (!strBefore.empty())
-            Put(SZ_RECORD, strBefore);
-        else if (unlink(SZ_RECORD) != 0 && errno != ENOENT)
-            Say(std::string("<3>cannot write ") + SZ_RECORD);
+        PutBack();
         Say(strAttempt + "not counted, process " + std::to_string(pidDpkgLock) +
             " holds dpkg's lock");
         return 0;
@@ -188,26 +200,27 @@ int Run()
     sa.sa_handler = [](int) { gblStop = 1; };
     (void)sigaction(SIGTERM, &sa, nullptr);
     Turn turn;
-    if (!turn.Take(true)) {
-        if (gblStop)
-            return 0;
+    if (!turn.Usable()) {
         Say(std::string("<3>cannot write ") + SZ_TURN);
         return 1;
     }
+    if (!turn.Take(true))
+        return 0;
     UpdateDirectory directory;
     int nExit = 0;
     for (bool blAttempted = false;;) {
         Turn::Begin();
         // Started by hand or by a judgement, the first attempt is owed; the
         // next ones only for candidates that changed while it ran.
-        const Seen seen = Look(directory, true);
+        const std::optional<Seen> seen = Look(directory, true);
+        if (!seen)
+            return 1;
         if (gblStop)
             break;
-        if (!blAttempted || !seen.record || seen.record->strBuild != seen.strBuild ||
-            !seen.blSameCandidates) {
-            const Answer answer = Judge(seen);
+        if (!blAttempted || !SameAsRecord(*seen)) {
+            const Answer answer = Judge(*seen);
             if (answer.verdict == Verdict::Owed) {
-                nExit = Attempt(seen);
+                nExit = Attempt(*seen);
                 if (nExit < 0)
                     return 1;
                 if (gblStop)
@@ -215,7 +228,7 @@ int Run()
                 blAttempted = true;
                 continue;
             }
-            Act(answer, seen);
+            Act(answer, *seen);
         }
         if (!turn.GiveAndTakeIfAsked())
             break;
@@ -228,15 +241,22 @@ int Pending()
     // Watched before the turn is taken: a change meanwhile is judged again.
     UpdateDirectory directory;
     Turn turn;
+    if (!turn.Usable()) {
+        Say(std::string("<3>cannot write ") + SZ_TURN);
+        return 255;
+    }
     if (!turn.TakeOrAsk()) {
         Say("<6>nothing started: a run or judgement is in progress, and judges again once done");
         return 1;
     }
     for (;;) {
         Turn::Begin();
-        const Seen seen = Look(directory, false);
-        const Answer answer = Judge(seen);
-        Act(answer, seen);
+        // No given-up fix is forgotten for a directory that cannot be read.
+        const std::optional<Seen> seen = Look(directory, false);
+        if (!seen)
+            return 255;
+        const Answer answer = Judge(*seen);
+        Act(answer, *seen);
         // The run that follows reads the candidates afresh.
         if (answer.verdict == Verdict::Owed)
             return ExitCode(answer.verdict);
@@ -269,10 +289,14 @@ int main(int argc, char *argv[])
                       argc > 0 ? argv[0] : "small-update-service");
         return 2;
     }
-    // A reader of the journal that went away ends no run: a write fails instead.
+    // A reader of the journal that went away ends no run: a write fails
+    // instead. A writer that opens a file while its read lease is held
+    // (candidates.cpp) sends SIGIO, which must not end it either. Caught,
+    // not ignored: the programs it starts get them as they were.
     struct sigaction sa = {};
     sa.sa_handler = [](int) {};
     (void)sigaction(SIGPIPE, &sa, nullptr);
+    (void)sigaction(SIGIO, &sa, nullptr);
     if (mkdir(SZ_STATE_DIR, 0755) != 0 && errno != EEXIST) {
         Say(std::string("<3>cannot write ") + SZ_STATE_DIR);
         return strVerb == "run" ? 1 : 255;

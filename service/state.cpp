@@ -88,7 +88,8 @@ class StateLines {
         char achTail[STR_TAIL.size()];
         m_blBad = m_fd < 0 || fstat(m_fd, &st) != 0 ||
                   st.st_size < static_cast<off_t>(sizeof(achTail)) ||
-                  pread(m_fd, achTail, sizeof(achTail), st.st_size - sizeof(achTail)) !=
+                  pread(m_fd, achTail, sizeof(achTail),
+                        st.st_size - static_cast<off_t>(sizeof(achTail))) !=
                       static_cast<ssize_t>(sizeof(achTail)) ||
                   std::string_view(achTail, sizeof(achTail)) != STR_TAIL || !Head(strHead);
     }
@@ -144,7 +145,7 @@ class StateLines {
     }
     bool NextLine(std::string_view &strLine)
     {
-        for (size_t idx; (idx = m_strText.find('\n')) == std::string_view::npos;) {
+        while (m_strText.find('\n') == std::string_view::npos) {
             if (!Read())
                 return false;
         }
@@ -303,21 +304,6 @@ std::string FormatDigests(const std::vector<Candidate> &candidates,
                          candidate.strDigest, candidate.strPackage, candidate.strPath});
     }
     return str + "end\n";
-}
-
-std::optional<std::vector<Digest>> ParseDigests(std::string_view strText)
-{
-    StateLines lines(strText, SZ_DIGESTS_HEAD);
-    std::vector<std::string> fields;
-    std::vector<Digest> digests;
-    for (Digest digest; lines.Next(fields);) {
-        if (!DigestFrom(fields, digest))
-            return std::nullopt;
-        digests.push_back(std::move(digest));
-    }
-    if (!lines.Whole())
-        return std::nullopt;
-    return digests;
 }
 
 DigestFile::DigestFile(const char *szPath)

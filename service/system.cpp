@@ -16,8 +16,6 @@ volatile sig_atomic_t gblStop = 0;
 
 namespace {
 
-const char SZ_STATE_DIR[] = "/var/lib/small-update";
-
 bool SyncDirectory(const char *szPath)
 {
     const int fd = open(szPath, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -112,11 +110,10 @@ std::string Build()
     return szBuild;
 }
 
-std::pair<int, std::string> RunTool()
+std::pair<int, std::optional<std::string>> RunTool()
 {
-    const char szStderr[] = "/var/lib/small-update/stderr";
     // Never a pipe, whose reader may be gone by the time the tool reports.
-    const int fdErr = open(szStderr, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const int fdErr = open(SZ_STDERR, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     const pid_t pid = VLIBCProcForkEx(0);
     if (pid == 0) {
         if (fdErr < 0 || dup2(fdErr, STDERR_FILENO) == STDERR_FILENO)
@@ -126,7 +123,9 @@ std::pair<int, std::string> RunTool()
     if (fdErr >= 0)
         (void)close(fdErr);
     const int status = pid > 0 ? Reap(pid) : -1;
-    std::string strStderr = fdErr >= 0 ? ReadWhole(szStderr) : "";
+    if (fdErr < 0)
+        return {status, std::nullopt};
+    std::string strStderr = ReadWhole(SZ_STDERR);
     (void)fwrite(strStderr.data(), 1, strStderr.size(), stderr);
     return {status, std::move(strStderr)};
 }
@@ -157,9 +156,10 @@ pid_t DpkgLockHolder()
         lock.l_whence = SEEK_SET;
         const int nGot = fcntl(fd, F_GETLK, &lock);
         (void)close(fd);
-        // An open file description's lock has no process: -1 says held all the same.
+        // A holder that cannot be named (an open file description's lock, or
+        // a process of another namespace) holds it all the same: -1.
         if (nGot == 0 && lock.l_type != F_UNLCK)
-            return lock.l_pid != 0 ? lock.l_pid : -1;
+            return lock.l_pid > 0 ? lock.l_pid : -1;
     }
     return 0;
 }

@@ -9,6 +9,15 @@
 
 namespace Service {
 
+// What the service works on and keeps.
+inline constexpr char SZ_UPDATE_DIR[] = "/smallupd@te";
+inline constexpr char SZ_STATE_DIR[] = "/var/lib/small-update";
+inline constexpr char SZ_RECORD[] = "/var/lib/small-update/last-run";
+inline constexpr char SZ_DIGESTS[] = "/var/lib/small-update/digests";
+inline constexpr char SZ_STDERR[] = "/var/lib/small-update/stderr";
+inline constexpr char SZ_TURN[] = "/var/lib/small-update/lock";
+inline constexpr char SZ_AGAIN[] = "/var/lib/small-update/again";
+
 extern volatile sig_atomic_t gblStop;  // SIGTERM came: no further run is started
 
 // A whole file; "" when it cannot be read.
@@ -16,7 +25,9 @@ std::string ReadWhole(const char *szPath);
 // strText, which ends in a newline, as szPath: written aside with the core
 // library's writer (appended and synced, its directory synced), renamed into
 // place and the directory synced, so that a power cut leaves the old file or
-// the new one, whole. false, and the old file in place, when a step failed.
+// the new one. false, and the old file in place, when it could not be
+// written or renamed. The writer ignores a failing sync: a file that then
+// comes back torn after a power cut reads as none, which owes a run.
 bool WriteDurably(const char *szPath, const std::string &strText);
 
 // Runs argv (a full path first) with standard input on fdIn, or /dev/null
@@ -26,8 +37,9 @@ int Capture(const std::vector<const char *> &argv, int fdIn, std::string &strOut
 
 std::string Build();  // as the tool reads it; "" when there is none
 // small_update, its standard error caught in /var/lib/small-update/stderr and
-// then passed on; its wait status, -1 when it could not start, and the text.
-std::pair<int, std::string> RunTool();
+// then passed on; its wait status, -1 when it could not start, and the text,
+// none when it could not be caught.
+std::pair<int, std::optional<std::string>> RunTool();
 Audit RunAudit(const std::vector<Candidate> &candidates);
 pid_t DpkgLockHolder();
 bool SyncLocalFileSystems();
@@ -45,6 +57,7 @@ class UpdateDirectory {
     UpdateDirectory &operator=(const UpdateDirectory &) = delete;
 
     struct Scan {
+        bool blRead = true;  // false: the directory is there but cannot be read
         std::vector<Candidate> candidates;
         std::vector<std::string> writing;  // files still being written
     };
@@ -59,7 +72,7 @@ class UpdateDirectory {
 
   private:
     bool Drain();  // whether any event concerned a "*.deb"
-    void Wait(int64_t nsUntil);
+    void Wait(int64_t nsWait);
     int m_fd;
 };
 

@@ -651,6 +651,16 @@ TEST(Judge, AnswersFromWhatWasRead)
          .szLine = "<7>nothing to do: no candidate",
          .blReset = true,
          .candidates = {}},
+        {.szName = "no candidate after a failed attempt",
+         .record = Rec(1, Outcome::Failed),
+         .szLine = "<7>nothing to do: no candidate",
+         .blReset = true,
+         .candidates = {}},
+        {.szName = "no candidate, no record",
+         .record = std::nullopt,
+         .szLine = "<7>nothing to do: no candidate",
+         .blReset = true,
+         .candidates = {}},
     };
     for (const Row &row : rows) {
         const Service::Seen seen = {row.record,  row.szBuild, row.candidates,  row.blSame,
@@ -682,6 +692,7 @@ TEST(JudgeAttempt, CountsWhatWasNotClean)
         {"a package left half done", 0, true, false, true, 0, "failed"},
         {"failed while dpkg's lock is held", 255 << 8, true, true, true, 42, "not counted"},
         {"killed while dpkg's lock is held", SIGKILL, true, true, false, 42, "failed"},
+        {"clean while dpkg's lock is held", 0, true, false, false, 42, "clean"},
     };
     for (const Row &row : rows) {
         const std::optional<Outcome> outcome = Service::JudgeAttempt(
@@ -731,9 +742,15 @@ TEST(ServiceState, ReadsBackWhatItWrote)
         bool blSame = false;
         EXPECT_TRUE(Service::ReadRecord(MemFile(strText).c_str(), candidates, blSame)) << strText;
         EXPECT_EQ(blSame, record.candidates == candidates) << strText;
-        for (size_t cb = 0; cb < strText.size(); ++cb)
-            EXPECT_FALSE(Service::ParseRecord(strText.substr(0, cb))) << "torn at " << cb << ":\n"
-                                                                      << strText;
+        const int fd = memfd_create("torn", 0);
+        const std::string strTorn = "/proc/self/fd/" + std::to_string(fd);
+        for (size_t cb = 0; cb < strText.size(); ++cb) {
+            ASSERT_EQ(ftruncate(fd, 0) + pwrite(fd, strText.data(), cb, 0), ssize_t(cb));
+            EXPECT_FALSE(Service::ReadRecord(strTorn.c_str(), candidates, blSame))
+                << "torn at " << cb << ":\n"
+                << strText;
+        }
+        close(fd);
     }
     EXPECT_EQ(Service::FormatRecord(records[2]), R"(small-update last-run 2
 attempt 3 failed told
@@ -767,7 +784,11 @@ end
             continue;
         ASSERT_TRUE(digests.Next(digest)) << idx;
         EXPECT_EQ(digest.candidate, many[idx]) << idx;
-        EXPECT_EQ(digest.stamp.nsTaken, stamps[idx].nsTaken) << idx;
+        const Service::Stamp &stamp = digest.stamp;
+        EXPECT_EQ(std::tie(stamp.cb, stamp.nsModified, stamp.nsChanged, stamp.nsTaken),
+                  std::tie(stamps[idx].cb, stamps[idx].nsModified, stamps[idx].nsChanged,
+                           stamps[idx].nsTaken))
+            << idx;
     }
     EXPECT_FALSE(digests.Next(digest)) << "past the end";
     EXPECT_EQ(strDigests.substr(0, strDigests.find("\ndigest 1 ") + 1), R"(small-update digests 2
@@ -780,7 +801,7 @@ digest 0 1 2 3 d p:all /smallupd@te/\0120.deb
 TEST(Service, RunsTheToolRecordsTheAttemptAndJudgesWhatItLeft)
 {
     NEEDS_SANDBOX();
-    Prepare({{"junk.deb", ""}}, true);
+    Prepare({{"%%junk.deb", ""}}, true);
     std::string strTool = "#!/bin/sh\nexec";
     for (const std::string &str : Lines{VYRA_TOOL_COMMAND})
         strTool += " " + str;
@@ -799,12 +820,12 @@ TEST(Service, RunsTheToolRecordsTheAttemptAndJudgesWhatItLeft)
     EXPECT_EQ(Transcript(sandbox::Run(kValgrind + Lines{VYRA_SERVICE_COMMAND, "run"}, kEnv), true,
                          {kUpdateLog, kRecord}),
               R"(
-<11>small_update.cpp: invalid debian name [junk.deb]
-<11>small_update.cpp: Unexpected Debian [/smallupd@te/junk.deb], skip install.
-$ vyralogset1 sys err 0x11B01030 /smallupd@te/junk.deb | PATH | / | 0-2<>/dev/null | leader
-$ vyradeknotify @administrators update:small_update_check_failed /smallupd@te/junk.deb | PATH | / | 0-2<>/dev/null | leader
-2> invalid debian name [junk.deb]
-Unexpected Debian [/smallupd@te/junk.deb], skip install.
+<11>small_update.cpp: invalid debian name [%%junk.deb]
+<11>small_update.cpp: Unexpected Debian [/smallupd@te/%%junk.deb], skip install.
+$ vyralogset1 sys err 0x11B01030 /smallupd@te/%%junk.deb | PATH | / | 0-2<>/dev/null | leader
+$ vyradeknotify @administrators update:small_update_check_failed /smallupd@te/%%junk.deb | PATH | / | 0-2<>/dev/null | leader
+2> invalid debian name [%%junk.deb]
+Unexpected Debian [/smallupd@te/%%junk.deb], skip install.
 <6>attempt 1: clean
 $ systemctl reset-failed small-update-boot.service small-update-check.service small-update.service | PATH | / | 0-2<>/dev/null | leader
 --- /var/log/vyraupdate.log 0644
@@ -813,9 +834,9 @@ $ systemctl reset-failed small-update-boot.service small-update-check.service sm
 small-update last-run 2
 attempt 1 clean -
 build 2668
+candidate f [sha256] - /smallupd@te/%%junk.deb
 candidate f [sha256] vyra-a:all /smallupd@te/a_1-2668-s1_all.deb
 candidate f [sha256] vyra-b:all /smallupd@te/b\012c_1-2668-s2_all.deb
-candidate f [sha256] - /smallupd@te/junk.deb
 end
 )") << "a run, under valgrind where it runs: the refusal alone leaves it clean";
     EXPECT_EQ(Transcript(sandbox::Run({VYRA_SERVICE_COMMAND, "pending"}, kEnv), true, {}), R"(
