@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <sstream>
 
 #include "debian_lib.h"
@@ -147,9 +146,10 @@ std::string Journal(const Lines &log)
     for (std::string strMsg : log) {
         const auto posLine = strMsg.find(".cpp:"), posText = strMsg.find(' ', posLine);
         // The variable that Strace sets for the sanitizers is none of the tool's.
+        if (const size_t pos = strMsg.find("| ASAN_OPTIONS "); pos != std::string::npos)
+            strMsg.erase(pos + 2, 13);
         if (strMsg.rfind("<13>", 0) == 0)
-            strMsg =
-                "$ " + std::regex_replace(strMsg.substr(4), std::regex("ASAN_OPTIONS "), "") + "\n";
+            strMsg.replace(0, 4, "$ ") += "\n";
         else if (strMsg.rfind('<', 0) != 0)
             strMsg.insert(0, "2> ");
         else if (posLine != std::string::npos && posText != std::string::npos)
@@ -158,6 +158,17 @@ std::string Journal(const Lines &log)
     }
     return str;
 }
+// Each SHA-256 as "[sha256]": the packages are built afresh for every run.
+std::string Sha256Masked(std::string str)
+{
+    const char kHex[] = "0123456789abcdef";
+    for (size_t idx = 0; (idx = str.find_first_of(kHex, idx)) != std::string::npos;) {
+        const size_t cb = std::min(str.find_first_not_of(kHex, idx), str.size()) - idx;
+        idx += cb == 64 ? str.replace(idx, 64, "[sha256]"), 8 : cb;
+    }
+    return str;
+}
+
 // A run as text from a line end on: "exit N" or "signal N" unless it exited 0;
 // what it printed; the system log; each of the files that exists after "--- PATH
 // MODE", a record stamped with local time (kEnv) since this program started as
@@ -187,7 +198,7 @@ std::string Transcript(const sandbox::Result &res, bool blOutput = true,
                 tStamp >= tStart - 1 && tStamp <= time(nullptr))
                 str += "[stamp] " + strLine.substr(20) + "\n";
             else if (blOutput)
-                str += std::regex_replace(strLine, std::regex("[0-9a-f]{64}"), "[sha256]") + "\n";
+                str += Sha256Masked(strLine) + "\n";
         }
     }
     return str;
