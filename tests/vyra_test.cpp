@@ -207,6 +207,11 @@ std::string Transcript(const sandbox::Result &res, bool blOutput = true,
 // Every run's: local time five hours east of UTC, where a stamp in UTC shows.
 const Lines kEnv = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "TZ=XYZ-5"};
 const Lines kTool = {VYRA_TOOL_COMMAND, "-x", "a.deb"};  // arguments change nothing
+// Where it runs: neither an emulated nor a sanitized program.
+const Lines kValgrind =
+    VYRA_VALGRIND ? Lines{"/usr/bin/valgrind.bin", "-q", "--error-exitcode=99", "--leak-check=full",
+                          "--errors-for-leak-kinds=definite,indirect"}
+                  : Lines{};
 
 Lines operator+(Lines argv, const Lines &more)
 {
@@ -387,10 +392,6 @@ TEST(SmallUpdate, FindsNothingAndSaysNothing)
 TEST(SmallUpdate, ReportsEveryRefusedNameOnEveryChannelAndInstallsTheRestInOrder)
 {
     NEEDS_SANDBOX();
-    const Lines valgrind =
-        VYRA_VALGRIND ? Lines{"/usr/bin/valgrind.bin", "-q", "--error-exitcode=99",
-                              "--leak-check=full", "--errors-for-leak-kinds=definite,indirect"}
-                      : Lines{};
     EXPECT_EQ(RunOn({{"%n%s_1-2668-s1_x.deb", ""},
                      {"%s_1-2669-s1_x.deb", ""},
                      {"f_1-2668-sx_x.deb", ""},
@@ -398,7 +399,7 @@ TEST(SmallUpdate, ReportsEveryRefusedNameOnEveryChannelAndInstallsTheRestInOrder
                      {"g_1-2668-s2_x.deb/", ""},
                      {"smallupdate_1-2668-s5_x.deb", ""},
                      {"smallupdates_1-2668-s4_x.deb", ""}},
-                    valgrind + kTool),
+                    kValgrind + kTool),
               R"(
 exit 255
 <11>debian_lib.cpp: different buildnumber of deb [%s_1-2669-s1_x.deb] with system buildnumber [2668]
@@ -824,10 +825,6 @@ TEST(Service, RunsTheToolRecordsTheAttemptAndJudgesWhatItLeft)
     for (const auto &entry : std::filesystem::directory_iterator("/smallupd@te"))
         std::filesystem::last_write_time(entry, std::filesystem::file_time_type::clock::now() -
                                                     std::chrono::hours(1));
-    const Lines kValgrind =
-        VYRA_VALGRIND ? Lines{"/usr/bin/valgrind.bin", "-q", "--error-exitcode=99",
-                              "--leak-check=full", "--errors-for-leak-kinds=definite,indirect"}
-                      : Lines{};
     EXPECT_EQ(Transcript(sandbox::Run(kValgrind + Lines{VYRA_SERVICE_COMMAND, "run"}, kEnv), true,
                          {kUpdateLog, kRecord}),
               R"(
