@@ -67,8 +67,12 @@ bool WriteDurably(const char *szPath, const std::string &strText)
     // The writer appends, takes "%%" for "%", and ends the text with its own
     // newline.
     std::string strLog;
-    for (size_t idx = 0; idx + 1 < strText.size(); ++idx)
-        strLog += strText[idx] == '%' ? std::string("%%") : std::string(1, strText[idx]);
+    strLog.reserve(strText.size());
+    for (size_t idx = 0; idx + 1 < strText.size(); ++idx) {
+        strLog += strText[idx];
+        if (strText[idx] == '%')
+            strLog += '%';
+    }
     return (unlink(strAside.c_str()) == 0 || errno == ENOENT) &&
            VLIBCErrLogSet(strAside.c_str(), strLog.c_str()) == 0 &&
            rename(strAside.c_str(), szPath) == 0 && SyncDirectory(SZ_STATE_DIR);
