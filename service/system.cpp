@@ -26,15 +26,16 @@ bool SyncDirectory(const char *szPath)
 }
 
 // Waits for a child of ours, whatever signals come meanwhile: SIGTERM too,
-// as a dpkg stopped halfway would leave its package broken.
-int Reap(pid_t pid)
+// as a dpkg stopped halfway would leave its package broken. szOnStop, if
+// any, is said once when SIGTERM comes.
+int Reap(pid_t pid, const char *szOnStop = nullptr)
 {
     int status = -1;
     for (bool blSaid = false; waitpid(pid, &status, 0) < 0;) {
         if (errno != EINTR)
             return -1;
-        if (gblStop && !blSaid)
-            (void)fputs("<5>asked to stop: the run in progress ends first\n", stderr);
+        if (gblStop && !blSaid && szOnStop != nullptr)
+            (void)fprintf(stderr, "%s\n", szOnStop);
         blSaid = blSaid || gblStop;
     }
     return status;
@@ -73,9 +74,12 @@ bool WriteDurably(const char *szPath, const std::string &strText)
         if (strText[idx] == '%')
             strLog += '%';
     }
-    return (unlink(strAside.c_str()) == 0 || errno == ENOENT) &&
-           VLIBCErrLogSet(strAside.c_str(), strLog.c_str()) == 0 &&
-           rename(strAside.c_str(), szPath) == 0 && SyncDirectory(SZ_STATE_DIR);
+    if ((unlink(strAside.c_str()) != 0 && errno != ENOENT) ||
+        VLIBCErrLogSet(strAside.c_str(), strLog.c_str()) != 0 ||
+        rename(strAside.c_str(), szPath) != 0)
+        return false;
+    (void)SyncDirectory(SZ_STATE_DIR);
+    return true;
 }
 
 int Capture(const std::vector<const char *> &argv, int fdIn, std::string &strOut)
@@ -126,7 +130,7 @@ std::pair<int, std::optional<std::string>> RunTool()
     }
     if (fdErr >= 0)
         (void)close(fdErr);
-    const int status = pid > 0 ? Reap(pid) : -1;
+    const int status = pid > 0 ? Reap(pid, "<5>asked to stop: the run in progress ends first") : -1;
     if (fdErr < 0)
         return {status, std::nullopt};
     std::string strStderr = ReadWhole(SZ_STDERR);

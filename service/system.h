@@ -26,19 +26,21 @@ std::string ReadWhole(const char *szPath);
 // library's writer (appended and synced, its directory synced), renamed into
 // place and the directory synced, so that a power cut leaves the old file or
 // the new one. false, and the old file in place, when it could not be
-// written or renamed. The writer ignores a failing sync: a file that then
-// comes back torn after a power cut reads as none, which owes a run.
+// written or renamed. A failing sync is ignored, as the writer ignores its
+// own: a file that then comes back torn after a power cut reads as none,
+// which owes a run.
 bool WriteDurably(const char *szPath, const std::string &strText);
 
 // Runs argv (a full path first) with standard input on fdIn, or /dev/null
 // for -1, and standard error on /dev/null; its output is caught whole. The
-// wait status, -1 when it could not be started.
+// wait status (exit code 127: it could not be started), -1 when no process
+// could be made.
 int Capture(const std::vector<const char *> &argv, int fdIn, std::string &strOut);
 
 std::string Build();  // as the tool reads it; "" when there is none
 // small_update, its standard error caught in /var/lib/small-update/stderr and
-// then passed on; its wait status, -1 when it could not start, and the text,
-// none when it could not be caught.
+// then passed on; its wait status as Capture's, and the text, none when it
+// could not be caught.
 std::pair<int, std::optional<std::string>> RunTool();
 Audit RunAudit(const std::vector<Candidate> &candidates);
 pid_t DpkgLockHolder();
@@ -67,7 +69,7 @@ class UpdateDirectory {
     // while, and then left out of the candidates.
     Scan Read();
     // Whether a "*.deb" was written, renamed, made or removed since the last
-    // Read began.
+    // look at the directory that Read took.
     bool Changed();
 
   private:
