@@ -67,6 +67,12 @@ bool HalfDone(const Audit &audit, const Candidate &candidate)
            std::find(audit.packages.begin(), audit.packages.end(), strName) != audit.packages.end();
 }
 
+bool AnyHalfDone(const Audit &audit, const std::vector<Candidate> &candidates)
+{
+    return std::any_of(candidates.begin(), candidates.end(),
+                       [&audit](const Candidate &candidate) { return HalfDone(audit, candidate); });
+}
+
 std::vector<std::string> FailedInstalls(std::string_view strStderr,
                                         const std::vector<Candidate> &candidates)
 {
@@ -115,8 +121,7 @@ Answer Judge(const Seen &seen)
         strWhy = "asked for";
     } else if (blSame && record->outcome == Outcome::Clean) {
         // A fault of a package that no candidate holds is no run's to mend.
-        if (std::none_of(seen.candidates.begin(), seen.candidates.end(),
-                         [&seen](const Candidate &c) { return HalfDone(seen.audit, c); }))
+        if (!AnyHalfDone(seen.audit, seen.candidates))
             return {
                 Verdict::Nothing, "<7>nothing to do: a clean run of these candidates", {}, false};
         strWhy = "half done";

@@ -92,6 +92,7 @@ struct Audit {
 };
 Audit ParseAudit(int status, std::string_view strOut);  // status as waitpid gives it
 bool HalfDone(const Audit &audit, const Candidate &candidate);
+bool AnyHalfDone(const Audit &audit, const std::vector<Candidate> &candidates);
 
 // The candidates whose "Failed to install [PATH]" line the tool printed.
 std::vector<std::string> FailedInstalls(std::string_view strStderr,

@@ -18,8 +18,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 #include "system.h"
 
 namespace {
@@ -32,10 +30,13 @@ void Say(const std::string &strLine)
     (void)fprintf(stderr, "%s\n", strLine.c_str());
 }
 
-void Put(const char *szPath, const std::string &strText)
+// Whether it was written; where not, the journal says so.
+bool Put(const char *szPath, const std::string &strText)
 {
-    if (!WriteDurably(szPath, strText))
-        Say(std::string("<3>cannot write ") + szPath);
+    if (WriteDurably(szPath, strText))
+        return true;
+    Say(std::string("<3>cannot write ") + szPath);
+    return false;
 }
 
 // Judgements and runs take turns, held on a lock file, so that two never
@@ -122,14 +123,14 @@ void Act(const Answer &answer, const Seen &seen)
         Record record = *seen.record;
         record.candidates = seen.candidates;
         record.blTold = true;
-        Put(SZ_RECORD, FormatRecord(record));
+        (void)Put(SZ_RECORD, FormatRecord(record));
     }
     if (answer.blResetFailed) {
         ResetFailedUnits();
         Record record;
         record.outcome = Outcome::Clean;
         record.strBuild = seen.strBuild;
-        Put(SZ_RECORD, FormatRecord(record));
+        (void)Put(SZ_RECORD, FormatRecord(record));
     }
     Say(answer.strLine);
 }
@@ -150,14 +151,12 @@ int Attempt(const Seen &seen)
     const std::string strBefore = seen.record ? ReadWhole(SZ_RECORD) : "";
     const auto PutBack = [&strBefore]() {
         if (!strBefore.empty())
-            Put(SZ_RECORD, strBefore);
+            (void)Put(SZ_RECORD, strBefore);
         else if (unlink(SZ_RECORD) != 0 && errno != ENOENT)
             Say(std::string("<3>cannot write ") + SZ_RECORD);
     };
-    if (!WriteDurably(SZ_RECORD, FormatRecord(record))) {
-        Say(std::string("<3>cannot write ") + SZ_RECORD);
+    if (!Put(SZ_RECORD, FormatRecord(record)))
         return -1;
-    }
     // A stop meanwhile starts no install that the shutdown would cut.
     if (gblStop) {
         PutBack();
@@ -171,11 +170,9 @@ int Attempt(const Seen &seen)
     record.failed = FailedInstalls(strStderr.value_or(""), record.candidates);
     const Audit audit = RunAudit(record.candidates);
     const pid_t pidDpkgLock = DpkgLockHolder();
-    const std::optional<Outcome> outcome = JudgeAttempt(
-        status, blSynced, !strStderr || !record.failed.empty(),
-        std::any_of(record.candidates.begin(), record.candidates.end(),
-                    [&audit](const Candidate &candidate) { return HalfDone(audit, candidate); }),
-        pidDpkgLock);
+    const std::optional<Outcome> outcome =
+        JudgeAttempt(status, blSynced, !strStderr || !record.failed.empty(),
+                     AnyHalfDone(audit, record.candidates), pidDpkgLock);
     const std::string strAttempt = "<6>attempt " + std::to_string(record.nAttempt) + ": ";
     if (!outcome) {
         PutBack();
@@ -185,7 +182,7 @@ int Attempt(const Seen &seen)
     }
     record.outcome = *outcome;
     record.blTold = record.blTold && *outcome != Outcome::Clean;
-    Put(SZ_RECORD, FormatRecord(record));
+    (void)Put(SZ_RECORD, FormatRecord(record));
     Say(strAttempt + (*outcome == Outcome::Clean ? "clean" : "failed"));
     if (*outcome != Outcome::Clean)
         return 1;
