@@ -175,6 +175,16 @@ UpdateDirectory::Scan UpdateDirectory::Read()
                 entry = std::move(cached);
                 blCached = cache.Next(cached);
             }
+            // Asked to stop, at a time-out or a shutdown: the digests taken
+            // so far are kept, and the rest of the cache as it was, so that
+            // thousands of new candidates are taken over several judgements.
+            if (gblStop) {
+                if (blEntry) {
+                    scan.candidates.push_back(std::move(entry.candidate));
+                    stamps.push_back(entry.stamp);
+                }
+                continue;
+            }
             const Found found = Examine(strPath, blEntry ? &entry : nullptr, digest, nsWait);
             blChanged = blChanged || found == Found::Taken || (blEntry && found != Found::Cached);
             if (found == Found::Writing) {

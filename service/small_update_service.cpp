@@ -9,7 +9,8 @@
 // pending  the judgement of small-update-check.service and
 //          small-update-boot.service: exits 0 when a run is owed, 1 when none
 //          is, and 255, which fails its unit, when it gave up on candidates
-//          after three attempts that were not clean.
+//          after three attempts that were not clean. SIGTERM ends it
+//          unjudged, the digests it took kept for the next.
 // Each says what it decided in one line to the journal, its priority in front.
 #include <errno.h>
 #include <fcntl.h>
@@ -193,9 +194,6 @@ int Attempt(const Seen &seen)
 
 int Run()
 {
-    struct sigaction sa = {};
-    sa.sa_handler = [](int) { gblStop = 1; };
-    (void)sigaction(SIGTERM, &sa, nullptr);
     Turn turn;
     if (!turn.Usable()) {
         Say(std::string("<3>cannot write ") + SZ_TURN);
@@ -212,8 +210,10 @@ int Run()
         const std::optional<Seen> seen = Look(directory, true);
         if (!seen)
             return 1;
-        if (gblStop)
+        if (gblStop) {
+            Say("<5>asked to stop: nothing started");
             break;
+        }
         if (!blAttempted || !SameAsRecord(*seen)) {
             const Answer answer = Judge(*seen);
             if (answer.verdict == Verdict::Owed) {
@@ -252,6 +252,10 @@ int Pending()
         const std::optional<Seen> seen = Look(directory, false);
         if (!seen)
             return 255;
+        if (gblStop) {
+            Say("<5>asked to stop: nothing judged");
+            return 1;
+        }
         const Answer answer = Judge(*seen);
         Act(answer, *seen);
         // The run that follows reads the candidates afresh.
@@ -294,6 +298,9 @@ int main(int argc, char *argv[])
     sa.sa_handler = [](int) {};
     (void)sigaction(SIGPIPE, &sa, nullptr);
     (void)sigaction(SIGIO, &sa, nullptr);
+    // A stop ends the loop of runs, or a judgement, where nothing is lost.
+    sa.sa_handler = [](int) { gblStop = 1; };
+    (void)sigaction(SIGTERM, &sa, nullptr);
     if (mkdir(SZ_STATE_DIR, 0755) != 0 && errno != EEXIST) {
         Say(std::string("<3>cannot write ") + SZ_STATE_DIR);
         return strVerb == "run" ? 1 : 255;

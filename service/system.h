@@ -18,7 +18,7 @@ inline constexpr char SZ_STDERR[] = "/var/lib/small-update/stderr";
 inline constexpr char SZ_TURN[] = "/var/lib/small-update/lock";
 inline constexpr char SZ_AGAIN[] = "/var/lib/small-update/again";
 
-extern volatile sig_atomic_t gblStop;  // SIGTERM came: no further run is started
+extern volatile sig_atomic_t gblStop;  // SIGTERM came: no further run or digest is started
 
 // A whole file; "" when it cannot be read.
 std::string ReadWhole(const char *szPath);

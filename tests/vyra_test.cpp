@@ -808,6 +808,19 @@ digest 0 1 2 3 d p:all /smallupd@te/\0120.deb
 )") << "as it is on the disk";
 }
 
+// Packages of those paths, renamed in as a sender does: not still being written.
+bool BuildRenamedIn(const Lines &paths)
+{
+    for (const std::string &strPath : paths) {
+        const std::string strName = strPath.substr(strPath.rfind('/') + 1);
+        if (!sandbox::BuildDeb({"vyra-" + strName.substr(0, 1)}, strPath))
+            return false;
+        std::filesystem::last_write_time(strPath, std::filesystem::file_time_type::clock::now() -
+                                                      std::chrono::hours(1));
+    }
+    return true;
+}
+
 // Run whole on a machine of build 2668 with the real dpkg and the built tool:
 // a run, which records its attempt, and then the judgement.
 TEST(Service, RunsTheToolRecordsTheAttemptAndJudgesWhatItLeft)
@@ -819,12 +832,7 @@ TEST(Service, RunsTheToolRecordsTheAttemptAndJudgesWhatItLeft)
         strTool += " " + str;
     sandbox::WriteFile("/usr/sbin/small_update", strTool + "\n", 0755);
     sandbox::InstallStandin("/bin/systemctl");
-    ASSERT_TRUE(sandbox::BuildDeb({"vyra-a"}, kA.strPath));
-    ASSERT_TRUE(sandbox::BuildDeb({"vyra-b"}, kB.strPath));
-    // Renamed in, as a sender does: not still being written.
-    for (const auto &entry : std::filesystem::directory_iterator("/smallupd@te"))
-        std::filesystem::last_write_time(entry, std::filesystem::file_time_type::clock::now() -
-                                                    std::chrono::hours(1));
+    ASSERT_TRUE(BuildRenamedIn({kA.strPath, kB.strPath}));
     EXPECT_EQ(Transcript(sandbox::Run(kValgrind + Lines{VYRA_SERVICE_COMMAND, "run"}, kEnv), true,
                          {kUpdateLog, kRecord}),
               R"(
@@ -851,6 +859,33 @@ end
 exit 1
 <7>nothing to do: a clean run of these candidates
 )");
+}
+
+// Stopped at a time-out or a shutdown while it takes the digests of new
+// fixes, a judgement judges nothing and keeps the digests it took, and the
+// cache's others, so that thousands are taken over several judgements.
+TEST(Service, KeepsTheDigestsTakenWhenStopped)
+{
+    NEEDS_SANDBOX();
+    Prepare({{"%%junk.deb", ""}}, true);
+    ASSERT_TRUE(BuildRenamedIn({kA.strPath, kB.strPath}));
+    EXPECT_EQ(sandbox::Run({VYRA_SERVICE_COMMAND, "pending"}, kEnv).status, 0) << "owed";
+    ASSERT_TRUE(BuildRenamedIn({"/smallupd@te/0_1-2668-s3_all.deb", "/smallupd@te/d.deb"}));
+    // After junk's sha256sum and dpkg-deb, as 0's sha256sum ends.
+    EXPECT_EQ(Transcript(sandbox::Run(Strace("inject=wait4:signal=SIGTERM:when=3") +
+                                          Lines{VYRA_SERVICE_COMMAND, "pending"},
+                                      kEnv),
+                         true, {}),
+              R"(
+exit 1
+<5>asked to stop: nothing judged
+)");
+    Lines cached;
+    Service::DigestFile digests("/var/lib/small-update/digests");
+    for (Service::Digest digest; digests.Next(digest);)
+        cached.push_back(digest.candidate.strPath + " " + digest.candidate.strPackage);
+    EXPECT_EQ(cached, Lines({"/smallupd@te/0_1-2668-s3_all.deb vyra-0:all",
+                             kA.strPath + " vyra-a:all", kB.strPath + " vyra-b:all"}));
 }
 
 }  // namespace
