@@ -37,6 +37,13 @@ std::vector<std::string> GivenUp(const Seen &seen)
     return names.empty() ? all : names;
 }
 
+// Whether a unit of the package may have been left failed: a give-up, whose
+// judging unit failed, is never recorded clean.
+bool MayBeFailed(const std::optional<Record> &record)
+{
+    return !record || record->outcome != Outcome::Clean;
+}
+
 }  // namespace
 
 Audit ParseAudit(int status, std::string_view strOut)
@@ -153,12 +160,6 @@ Answer Judge(const Seen &seen)
 bool SameAsRecord(const Seen &seen)
 {
     return seen.record && seen.record->strBuild == seen.strBuild && seen.blSameCandidates;
-}
-
-// A give-up, whose judging unit failed, is never recorded clean.
-bool MayBeFailed(const std::optional<Record> &record)
-{
-    return !record || record->outcome != Outcome::Clean;
 }
 
 int ExitCode(Verdict verdict)

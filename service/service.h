@@ -121,8 +121,6 @@ struct Answer {
 Answer Judge(const Seen &seen);
 // Whether the candidates and the build are those of the record.
 bool SameAsRecord(const Seen &seen);
-// Whether a unit of the package may have been left failed.
-bool MayBeFailed(const std::optional<Record> &record);
 int ExitCode(Verdict verdict);  // of the judgement, for ExecCondition=
 
 // How an attempt ended, from the tool's wait status on: nullopt when it does

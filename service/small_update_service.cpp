@@ -187,8 +187,9 @@ int Attempt(const Seen &seen)
     Say(strAttempt + (*outcome == Outcome::Clean ? "clean" : "failed"));
     if (*outcome != Outcome::Clean)
         return 1;
-    if (MayBeFailed(seen.record))
-        ResetFailedUnits();
+    // Also after a judgement that failed for what no record shows: it timed
+    // out, or could not read the directory.
+    ResetFailedUnits();
     return 0;
 }
 
@@ -225,6 +226,10 @@ int Run()
                 blAttempted = true;
                 continue;
             }
+            // The fixes of a failed attempt removed meanwhile: a way back, and
+            // the failed state cleared now cannot be set again by this unit.
+            if (answer.verdict == Verdict::Nothing)
+                nExit = 0;
             Act(answer, *seen);
         }
         if (!turn.GiveAndTakeIfAsked())

@@ -859,6 +859,13 @@ end
 exit 1
 <7>nothing to do: a clean run of these candidates
 )");
+    sandbox::WriteFile("/usr/sbin/small_update", "#!/bin/sh\nrm /smallupd@te/*.deb\nexit 3\n",
+                       0755);
+    EXPECT_EQ(Transcript(sandbox::Run({VYRA_SERVICE_COMMAND, "run"}, kEnv), true, {}), R"(
+<6>attempt 1: failed
+$ systemctl reset-failed small-update-boot.service small-update-check.service small-update.service | PATH | / | 0-2<>/dev/null | leader
+<7>nothing to do: no candidate
+)") << "the fixes of a failed attempt removed while it runs: the unit ends well";
 }
 
 // Stopped at a time-out or a shutdown while it takes the digests of new
