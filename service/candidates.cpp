@@ -155,10 +155,12 @@ UpdateDirectory::Scan UpdateDirectory::Read()
         int64_t nsWait = nsEnd - Now(CLOCK_MONOTONIC);
         glob_t globbuf = {};
         // As the tool's: a directory that is not there holds no candidate.
+        // Out of memory, it may have found some: that is no reading.
         gnGlobErrno = 0;
-        scan.blRead = glob((std::string(SZ_UPDATE_DIR) + "/*.deb").c_str(), GLOB_ERR | GLOB_NOSORT,
-                           KeepGlobErrno, &globbuf) != GLOB_ABORTED ||
-                      gnGlobErrno == ENOENT;
+        const int nGlob = glob((std::string(SZ_UPDATE_DIR) + "/*.deb").c_str(),
+                               GLOB_ERR | GLOB_NOSORT, KeepGlobErrno, &globbuf);
+        scan.blRead =
+            nGlob == 0 || nGlob == GLOB_NOMATCH || (nGlob == GLOB_ABORTED && gnGlobErrno == ENOENT);
         std::sort(globbuf.gl_pathv, globbuf.gl_pathv + globbuf.gl_pathc,
                   [](const char *a, const char *b) { return strcmp(a, b) < 0; });
         // The cache is in the same order: one pass over both.

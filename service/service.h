@@ -57,7 +57,9 @@ struct Digest {
 // stays one field. A file that is not whole (torn, garbage, another version)
 // reads as none.
 std::string Escape(std::string_view str);
-std::optional<std::string> Unescape(std::string_view str);
+// blRawToo: a byte that is escaped may also stand as it is, as in the kernel's
+// list of mounts, which escapes only the space, tab, newline and "\".
+std::optional<std::string> Unescape(std::string_view str, bool blRawToo = false);
 std::string FormatRecord(const Record &record);
 std::optional<Record> ParseRecord(std::string_view strText);
 // The record in szPath, read a piece at a time: its candidates are compared

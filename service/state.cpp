@@ -27,13 +27,14 @@ bool BlEscaped(unsigned char ch)
 }
 
 // A run of bytes is copied whole up to the next "\": most fields have none.
-bool UnescapeInto(std::string_view str, std::string &strOut)
+bool UnescapeInto(std::string_view str, std::string &strOut, bool blRawToo = false)
 {
     strOut.clear();
     for (size_t idx = 0; idx < str.size(); idx += 4) {
         const size_t idxEscape = std::min(str.find('\\', idx), str.size());
-        if (std::any_of(str.begin() + idx, str.begin() + idxEscape,
-                        [](char ch) { return BlEscaped(static_cast<unsigned char>(ch)); }))
+        if (!blRawToo && std::any_of(str.begin() + idx, str.begin() + idxEscape, [](char ch) {
+                return BlEscaped(static_cast<unsigned char>(ch));
+            }))
             return false;
         strOut.append(str, idx, idxEscape - idx);
         if ((idx = idxEscape) == str.size())
@@ -243,10 +244,10 @@ std::string Escape(std::string_view str)
     return strOut;
 }
 
-std::optional<std::string> Unescape(std::string_view str)
+std::optional<std::string> Unescape(std::string_view str, bool blRawToo)
 {
     std::string strOut;
-    if (!UnescapeInto(str, strOut))
+    if (!UnescapeInto(str, strOut, blRawToo))
         return std::nullopt;
     return strOut;
 }

@@ -194,7 +194,7 @@ bool SyncLocalFileSystems()
             strType.compare(0, 5, "fuse.") == 0)
             continue;
         const std::optional<std::string> strPoint =
-            Unescape(strLine.substr(idxPoint, idxType - 1 - idxPoint));
+            Unescape(strLine.substr(idxPoint, idxType - 1 - idxPoint), true);
         const int fd = strPoint ? open(strPoint->c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
         // A mount point that is gone holds nothing to sync.
         if (fd < 0) {
