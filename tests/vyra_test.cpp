@@ -58,6 +58,12 @@ std::string MemFile(const std::string &strContent)
     return "/proc/self/fd/" + std::to_string(fd);
 }
 
+// How many descriptors this process holds.
+ptrdiff_t OpenFds()
+{
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
 TEST(ErrLogSet, AppendsOneLineOrRecordsWhy)
 {
     const std::string strLog = MemFile("a\nb");
@@ -74,13 +80,12 @@ TEST(ErrLogSet, AppendsOneLineOrRecordsWhy)
         {"no directory", "/no/log", "x", -1, kAll, "ERR_OPEN_FAILED at error_log_set.cpp:37"},
     };
     for (const Row &row : rows) {
-        const auto cFds = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+        const ptrdiff_t cFds = OpenFds();
         VLIBCErrSet(ERR_SUCCESS);
         EXPECT_EQ(VLIBCErrLogSet(row.szFile, row.szText), row.nResult) << row.szName;
         EXPECT_EQ(sandbox::ReadFile(strLog), row.szLog) << row.szName;
         EXPECT_EQ(Recorded(), row.szRecord) << row.szName;
-        EXPECT_EQ(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}), cFds)
-            << row.szName;
+        EXPECT_EQ(OpenFds(), cFds) << row.szName;
     }
 }
 
@@ -756,12 +761,14 @@ TEST(ServiceState, ReadsBackWhatItWrote)
         EXPECT_EQ(blSame, record.candidates == candidates) << strText;
         const int fd = memfd_create("torn", 0);
         const std::string strTorn = "/proc/self/fd/" + std::to_string(fd);
+        const ptrdiff_t cFds = OpenFds();
         for (size_t cb = 0; cb < strText.size(); ++cb) {
             ASSERT_EQ(ftruncate(fd, 0) + pwrite(fd, strText.data(), cb, 0), ssize_t(cb));
             EXPECT_FALSE(Service::ReadRecord(strTorn.c_str(), candidates, blSame))
                 << "torn at " << cb << ":\n"
                 << strText;
         }
+        EXPECT_EQ(OpenFds(), cFds) << "every file it read closed";
         close(fd);
     }
     EXPECT_EQ(Service::FormatRecord(records[2]), R"(small-update last-run 2
@@ -859,13 +866,22 @@ end
 exit 1
 <7>nothing to do: a clean run of these candidates
 )");
+    sandbox::WriteFile("/usr/sbin/small_update", "#!/bin/sh\nexit 3\n", 0755);
+    EXPECT_EQ(sandbox::Run({VYRA_SERVICE_COMMAND, "run"}, kEnv).Code(), 1);
+    EXPECT_NE(sandbox::ReadFile(kRecord).find("\nattempt 1 failed -\n"), std::string::npos)
+        << "failed, nobody told yet:\n"
+        << sandbox::ReadFile(kRecord);
     sandbox::WriteFile("/usr/sbin/small_update", "#!/bin/sh\nrm /smallupd@te/*.deb\nexit 3\n",
                        0755);
     EXPECT_EQ(Transcript(sandbox::Run({VYRA_SERVICE_COMMAND, "run"}, kEnv), true, {}), R"(
-<6>attempt 1: failed
+<6>attempt 2: failed
 $ systemctl reset-failed small-update-boot.service small-update-check.service small-update.service | PATH | / | 0-2<>/dev/null | leader
 <7>nothing to do: no candidate
 )") << "the fixes of a failed attempt removed while it runs: the unit ends well";
+    EXPECT_EQ(Transcript(sandbox::Run({VYRA_SERVICE_COMMAND, "pending"}, kEnv), true, {}), R"(
+exit 1
+<7>nothing to do: no candidate
+)") << "cleared once: no unit can be failed now";
 }
 
 // Stopped at a time-out or a shutdown while it takes the digests of new
