@@ -57,8 +57,11 @@ class Turn {
     Turn(const Turn &) = delete;
     Turn &operator=(const Turn &) = delete;
 
+    // Where not, the journal says so.
     bool Usable() const
     {
+        if (m_fd < 0)
+            Say(std::string("<3>cannot write ") + SZ_TURN);
         return m_fd >= 0;
     }
     bool Take(bool blWait)
@@ -94,10 +97,12 @@ class Turn {
     int m_fd;
 };
 
-// Everything a judgement goes by, read now; none when the update directory
-// cannot be read, which says nothing of its candidates.
+// Everything a judgement goes by, read now, which answers whatever was asked
+// of the turn's holder before; none when the update directory cannot be read,
+// which says nothing of its candidates.
 std::optional<Seen> Look(UpdateDirectory &directory, bool blAsked)
 {
+    Turn::Begin();
     UpdateDirectory::Scan scan = directory.Read();
     if (!scan.blRead) {
         Say(std::string("<3>cannot read ") + SZ_UPDATE_DIR);
@@ -196,16 +201,13 @@ int Attempt(const Seen &seen)
 int Run()
 {
     Turn turn;
-    if (!turn.Usable()) {
-        Say(std::string("<3>cannot write ") + SZ_TURN);
+    if (!turn.Usable())
         return 1;
-    }
     if (!turn.Take(true))
         return 0;
     UpdateDirectory directory;
     int nExit = 0;
     for (bool blAttempted = false;;) {
-        Turn::Begin();
         // Started by hand or by a judgement, the first attempt is owed; the
         // next ones only for candidates that changed while it ran.
         const std::optional<Seen> seen = Look(directory, true);
@@ -243,16 +245,13 @@ int Pending()
     // Watched before the turn is taken: a change meanwhile is judged again.
     UpdateDirectory directory;
     Turn turn;
-    if (!turn.Usable()) {
-        Say(std::string("<3>cannot write ") + SZ_TURN);
+    if (!turn.Usable())
         return 255;
-    }
     if (!turn.TakeOrAsk()) {
         Say("<6>nothing started: a run or judgement is in progress, and judges again once done");
         return 1;
     }
     for (;;) {
-        Turn::Begin();
         // No given-up fix is forgotten for a directory that cannot be read.
         const std::optional<Seen> seen = Look(directory, false);
         if (!seen)
